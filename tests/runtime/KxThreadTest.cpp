@@ -1,0 +1,458 @@
+#include "runtime/KxThread.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "runtime/StringUtils.h"
+#include "runtime/ThreadNumber.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+constexpr DWORD kLongMS = 10'000;        // ends a wait that only a fault lets run so long
+constexpr uint32_t kHourMS = 3'600'000;  // a pause that no test waits for
+constexpr DWORD kGlanceMS = 50;          // long enough to catch a thread that doesn't pause
+
+using Texts = std::vector<std::string>;
+
+// What a thread under test runs: body, with the number of the call from 1.
+struct Script {
+    std::function<bool(int, KxThread*)> body;
+    std::atomic<int> calls{0};
+
+    static bool Call(void* userData, KxThread* thread) {
+        auto* script = static_cast<Script*>(userData);
+        return script->body(++script->calls, thread);
+    }
+    bool StartOn(KxThread& thread, uint32_t intervalMS = kHourMS) {
+        return thread.Start(Call, this, intervalMS, false);
+    }
+};
+
+std::string SystemName(pthread_t thread) {
+    char name[16] = "";
+    pthread_getname_np(thread, name, sizeof name);
+    return name;
+}
+
+std::string Numbered(const char* format, uint64 number) {
+    return StringUtils::Format("%s(0x%08llX)", format, static_cast<unsigned long long>(number));
+}
+
+TEST(KxThread, CallsBackUntilTheCallbackHasFinished) {
+    const LogCapture log(kLogInfo);
+    KxThread thread("worker");
+    Script script{.body = [](int call, KxThread*) { return call < 3; }};
+    ASSERT_TRUE(script.StartOn(thread, 0));
+    ASSERT_TRUE(thread.WaitForStop(kLongMS));
+    EXPECT_EQ(script.calls, 3);
+    EXPECT_EQ(thread.GetStopEvent()->Wait(0), kWaitSignaled);
+    EXPECT_EQ(thread.GetExitedEvent()->Wait(0), kWaitSignaled);
+    EXPECT_EQ(thread.GetThreadId(), 0u);
+    EXPECT_EQ(log.Texts(kLogInfo), (Texts{"Thread worker started", "Thread worker exited by callback"}));
+    EXPECT_TRUE(thread.WaitForStop(0)) << "nothing is left to wait for";
+}
+
+TEST(KxThread, StopCutsThePauseShortWithoutAnotherCall) {
+    const LogCapture log(kLogInfo);
+    KxThread thread("worker");
+    KxEvent called(false, false);
+    Script script{.body = [&](int, KxThread*) { return called.Set(); }};
+    ASSERT_TRUE(script.StartOn(thread));
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+    thread.Signal();
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled) << "a signal ends the pause";
+    EXPECT_TRUE(thread.Stop(kLongMS));
+    EXPECT_EQ(script.calls, 2);
+    EXPECT_TRUE(log.Has(kLogInfo, "Thread worker exited"));
+}
+
+// Both are set while the callback runs, so the pause finds both.
+TEST(KxThread, StopWinsOverSignal) {
+    KxThread thread("worker");
+    Script script{.body = [](int, KxThread* self) {
+        self->Signal();
+        self->Stop(0);
+        return true;
+    }};
+    ASSERT_TRUE(script.StartOn(thread, 0));
+    ASSERT_TRUE(thread.WaitForStop(kLongMS));
+    EXPECT_EQ(script.calls, 1);
+}
+
+TEST(KxThread, SignalDuringTheCallbackSkipsTheNextPauseOnly) {
+    KxThread thread("worker");
+    KxEvent third(false, false);
+    Script script{.body = [&](int call, KxThread* self) {
+        if (call == 1) self->Signal();
+        return call < 3 || third.Set();
+    }};
+    ASSERT_TRUE(script.StartOn(thread));
+    EXPECT_EQ(third.Wait(kGlanceMS), kWaitTimedOut);
+    EXPECT_TRUE(thread.Stop(kLongMS));
+    EXPECT_EQ(script.calls, 2);
+}
+
+TEST(KxThread, ShorterNextWaitHoldsForOnePause) {
+    KxThread thread("worker");
+    KxEvent second(false, false), third(false, false);
+    Script script{.body = [&](int call, KxThread* self) {
+        if (call == 1) {
+            for (const uint32_t waitMS : {500u, 5u, 2 * kHourMS}) self->SetNextWaitMS(waitMS);
+        }
+        return call == 1 || (call == 2 ? second : third).Set();
+    }};
+    ASSERT_TRUE(script.StartOn(thread));
+    EXPECT_EQ(second.Wait(kLongMS), kWaitSignaled);
+    EXPECT_EQ(third.Wait(kGlanceMS), kWaitTimedOut);
+    EXPECT_TRUE(thread.Stop(kLongMS));
+}
+
+TEST(KxThread, RefusesToStartWithoutACallbackOrOverAThreadThatIsNotJoined) {
+    const LogCapture log(kLogWarn);
+    KxThread thread("worker");
+    EXPECT_FALSE(thread.Start(nullptr, nullptr, 0, false));
+    KxEvent go(true, false), called(true, false);
+    Script script{.body = [&](int, KxThread*) {
+        called.Set();
+        go.Wait(kLongMS);
+        return false;
+    }};
+    ASSERT_TRUE(script.StartOn(thread));
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+    EXPECT_FALSE(script.StartOn(thread)) << "it runs";
+    EXPECT_FALSE(thread.Start(nullptr, nullptr, 0, false));
+    EXPECT_TRUE(thread.IsRunning());
+    go.Set();
+    ASSERT_EQ(thread.GetExitedEvent()->Wait(kLongMS), kWaitSignaled);
+    EXPECT_FALSE(script.StartOn(thread)) << "it has ended and isn't joined";
+    EXPECT_TRUE(thread.IsStopped());
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(KxThread, StartsAgainAfterAJoin) {
+    KxThread thread("worker");
+    for (int round = 0; round < 3; ++round) {
+        Script script{.body = [&](int, KxThread*) { return true; }};
+        ASSERT_TRUE(script.StartOn(thread)) << round;
+        EXPECT_TRUE(thread.IsRunning());
+        EXPECT_EQ(thread.GetStopEvent()->Wait(0), kWaitTimedOut) << "the stop of the round before is forgotten";
+        ASSERT_TRUE(thread.Stop(kLongMS));
+        EXPECT_FALSE(thread.IsRunning());
+    }
+}
+
+TEST(KxThread, HasNothingToWaitForBeforeItStarts) {
+    const LogCapture log;
+    KxThread thread("worker");
+    EXPECT_TRUE(thread.IsStopped());
+    EXPECT_TRUE(thread.Stop(kInfinite));
+    EXPECT_EQ(thread.GetStopEvent()->Wait(0), kWaitSignaled);
+    EXPECT_TRUE(thread.Terminate(1));
+    EXPECT_EQ(thread.GetThreadId(), 0u);
+    EXPECT_FALSE(thread.IsCurrentThread());
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(KxThread, KnowsItselfAndDoesNotWaitForItself) {
+    const LogCapture log(kLogWarn);
+    KxThread thread("worker");
+    struct Answers {
+        bool current, waited, stopped, terminated;
+        uint64 number, ownNumber;
+        int stopEvent;
+    } answers{};
+    Script script{.body = [&](int, KxThread* self) {
+        answers.current = self->IsCurrentThread();
+        answers.waited = self->WaitForStop(kInfinite);
+        answers.stopped = self->Stop(kInfinite);
+        answers.terminated = self->Terminate(1);
+        answers.number = self->GetThreadId();
+        answers.ownNumber = GetThreadNumber();
+        answers.stopEvent = self->GetStopEvent()->Wait(0);
+        return true;
+    }};
+    ASSERT_TRUE(script.StartOn(thread));
+    EXPECT_FALSE(thread.IsCurrentThread());
+    ASSERT_TRUE(thread.WaitForStop(kLongMS));
+    EXPECT_TRUE(answers.current);
+    EXPECT_FALSE(answers.waited);
+    EXPECT_FALSE(answers.stopped);
+    EXPECT_FALSE(answers.terminated);
+    EXPECT_EQ(answers.number, answers.ownNumber);
+    EXPECT_EQ(answers.stopEvent, kWaitSignaled);
+    EXPECT_EQ(script.calls, 1);
+    EXPECT_TRUE(log.Lines().empty()) << "refusing itself is no warning";
+}
+
+TEST(KxThread, IsNeverEndedByForce) {
+    const LogCapture log(kLogWarn);
+    KxThread thread("worker");
+    KxEvent go(true, false);
+    Script script{.body = [&](int, KxThread*) { return go.Wait(kLongMS) != kWaitSignaled; }};
+    ASSERT_TRUE(script.StartOn(thread));
+    const uint64 number = thread.GetThreadId();
+    ASSERT_NE(number, 0u);
+    EXPECT_FALSE(thread.StopOrTerminate(5, 1));
+    EXPECT_FALSE(thread.IsStopped());
+    go.Set();
+    ASSERT_EQ(thread.GetExitedEvent()->Wait(kLongMS), kWaitSignaled);
+    EXPECT_FALSE(thread.Terminate(1)) << "it isn't joined";
+    EXPECT_TRUE(thread.StopOrTerminate(kLongMS, 1));
+    EXPECT_TRUE(thread.Terminate(1)) << "it is joined";
+    EXPECT_EQ(log.Texts(kLogWarn), (Texts{Numbered("Attempt to terminate thread worker", number) + " not supported",
+                                          "Attempt to terminate thread worker(0x00000000) not supported"}));
+}
+
+TEST(KxThread, MayBeDestroyedByItsOwnCallback) {
+    const LogCapture log(kLogDebug);
+    auto thread = std::make_unique<KxThread>("worker");
+    KxThread& started = *thread;
+    KxEvent go(true, false);
+    const std::unique_ptr<KxEvent> exited = std::make_unique<KxEvent>(*thread->GetExitedEvent());
+    std::string dropped;
+    Script script{.body = [&](int, KxThread* self) {
+        go.Wait(kLongMS);
+        dropped = Numbered("Setting deleted flag for thread worker", self->GetThreadId());
+        thread.reset();
+        return true;
+    }};
+    ASSERT_TRUE(script.StartOn(started, 0));
+    go.Set();
+    ASSERT_EQ(exited->Wait(kLongMS), kWaitSignaled);
+    ASSERT_TRUE(log.WaitFor(kLogInfo, "Thread worker was deleted"));
+    EXPECT_EQ(script.calls, 1);
+    const std::vector<LogCapture::Line> lines = log.Lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_EQ(lines[1].text, dropped);
+    EXPECT_EQ(lines[1].level, kLogDebug);
+}
+
+// Nobody stops a thread whose handle goes during a pause: it makes one more call, without a handle. Whether the thread
+// has reached its pause can't be seen from outside, so each round gives it more time.
+TEST(KxThread, CallsBackOnceMoreWithoutAHandleThatWentDuringThePause) {
+    const KxEvent never(false, false);
+    int calls = 1;
+    for (DWORD patienceMS = 1; calls == 1 && patienceMS < 2000; patienceMS *= 2) {
+        const LogCapture log(kLogInfo);
+        auto thread = std::make_unique<KxThread>("worker");
+        KxEvent called(false, false), wake(*thread->GetWakeEvent());
+        KxThread* seen = nullptr;
+        Script script{.body = [&](int, KxThread* self) {
+            seen = self;
+            return called.Set();
+        }};
+        ASSERT_TRUE(script.StartOn(*thread));
+        ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+        EXPECT_EQ(seen, thread.get());
+        EXPECT_EQ(KxEvent(never).Wait(patienceMS), kWaitTimedOut);
+        thread.reset();
+        wake.Set();
+        ASSERT_TRUE(log.WaitFor(kLogInfo, "Thread worker was deleted"));
+        calls = script.calls;
+        if (calls == 2) {
+            EXPECT_EQ(seen, nullptr);
+        }
+    }
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(KxThread, FollowsAMovedHandle) {
+    const LogCapture log(kLogInfo);
+    Script script, dropped;
+    KxEvent called(false, false);
+    KxThread* seen = nullptr;
+    script.body = [&](int, KxThread* self) {
+        seen = self;
+        return called.Set();
+    };
+    dropped.body = [](int, KxThread*) { return true; };
+    KxThread first("first");
+    ASSERT_TRUE(script.StartOn(first));
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+
+    KxThread second(std::move(first));
+    second.Signal();
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+    EXPECT_EQ(seen, &second);
+
+    KxThread third("third");
+    ASSERT_TRUE(dropped.StartOn(third, 1));
+    third = std::move(second);
+    EXPECT_TRUE(log.WaitFor(kLogInfo, "Thread third was deleted"));
+    third.Signal();
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+    EXPECT_EQ(seen, &third);
+    EXPECT_EQ(third.GetName(), "first");
+    EXPECT_TRUE(third.Stop(kLongMS));
+}
+
+TEST(KxThread, IsInertOnceMovedFrom) {
+    KxThread thread("worker");
+    const KxThread taken(std::move(thread));
+    Script script{.body = [](int, KxThread*) { return false; }};
+    EXPECT_FALSE(script.StartOn(thread));
+    EXPECT_TRUE(thread.Stop(kInfinite));
+    EXPECT_TRUE(thread.WaitForStop(kInfinite));
+    EXPECT_TRUE(thread.Terminate(0));
+    EXPECT_TRUE(thread.Sleep(kInfinite));
+    EXPECT_EQ(thread.GetThreadId(), 0u);
+    EXPECT_FALSE(thread.IsCurrentThread());
+    thread.Signal();
+    thread.SetNextWaitMS(0);
+    thread.SetName("nothing");
+    EXPECT_EQ(thread.GetName(), "");
+    EXPECT_EQ(thread.GetWakeEvent(), nullptr);
+    EXPECT_EQ(thread.GetStopEvent(), nullptr);
+    EXPECT_EQ(thread.GetExitedEvent(), nullptr);
+}
+
+TEST(KxThread, SleepsUntilTheTimeRunsOutOrSomebodyCutsItShort) {
+    KxThread thread("worker");
+    KxEvent sleeping(false, false);
+    std::vector<bool> answers;
+    Script script{.body = [&](int, KxThread* self) {
+        answers.push_back(self->Sleep(1));
+        for (int i = 0; i < 2; ++i) {
+            sleeping.Set();
+            answers.push_back(self->Sleep(kInfinite));
+        }
+        return true;
+    }};
+    ASSERT_TRUE(script.StartOn(thread));
+    ASSERT_EQ(sleeping.Wait(kLongMS), kWaitSignaled);
+    thread.Signal();
+    ASSERT_EQ(sleeping.Wait(kLongMS), kWaitSignaled);
+    EXPECT_TRUE(thread.Stop(kLongMS));
+    EXPECT_EQ(answers, (std::vector<bool>{false, false, true}));
+    EXPECT_EQ(script.calls, 1);
+}
+
+TEST(KxThread, IsKnownToTheSystemByItsName) {
+    KxThread thread("a name of twenty-six bytes");
+    KxEvent called(false, false);
+    std::string seen;
+    pthread_t native{};
+    Script script{.body = [&](int, KxThread*) {
+        native = pthread_self();
+        seen = SystemName(native);
+        return called.Set();
+    }};
+    ASSERT_TRUE(script.StartOn(thread));
+    ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
+    EXPECT_EQ(seen, "a name of twent");
+    thread.SetName("renamed");
+    EXPECT_EQ(thread.GetName(), "renamed");
+    EXPECT_EQ(SystemName(native), "renamed");
+    EXPECT_TRUE(thread.Stop(kLongMS));
+    thread.SetName("without a thread");
+    EXPECT_EQ(thread.GetName(), "without a thread");
+}
+
+TEST(KxThread, IsNamedByItsAddressUnlessToldOtherwise) {
+    const KxThread thread;
+    EXPECT_EQ(thread.GetName(), StringUtils::Format("0x%p", static_cast<const void*>(&thread)));
+}
+
+// A signal is no sign that the new thread is there.
+TEST(KxThread, HasItsNumberWhenStartReturnsWhoeverSignals) {
+    KxThread thread("worker");
+    std::atomic<bool> done{false};
+    std::thread signaller([&] {
+        while (!done) {
+            thread.Signal();
+            std::this_thread::yield();
+        }
+    });
+    for (int round = 0; round < 50; ++round) {
+        Script script{.body = [](int, KxThread*) { return true; }};
+        EXPECT_TRUE(script.StartOn(thread));
+        EXPECT_NE(thread.GetThreadId(), 0u);
+        EXPECT_TRUE(thread.Stop(kLongMS));
+    }
+    done = true;
+    signaller.join();
+}
+
+TEST(KxThread, IsJoinedOnceByManyWaiters) {
+    const LogCapture log(kLogWarn);
+    KxThread thread("worker");
+    for (int round = 0; round < 20; ++round) {
+        KxEvent go(true, false);
+        Script script{.body = [&](int, KxThread*) { return go.Wait(kLongMS) != kWaitSignaled; }};
+        EXPECT_TRUE(script.StartOn(thread));
+        std::atomic<int> ended{0};
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 4; ++i) waiters.emplace_back([&] { ended += thread.WaitForStop(kLongMS) ? 1 : 0; });
+        go.Set();
+        for (std::thread& waiter : waiters) waiter.join();
+        EXPECT_EQ(ended, 4);
+    }
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+// A waiter that comes late to the end of one run finds the next one, and must not wait for that under the thread's
+// lock.
+TEST(KxThread, WaitersOfOneRunLeaveTheNextOneAlone) {
+    KxThread thread("worker");
+    std::atomic<bool> done{false};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 2; ++i) {
+        waiters.emplace_back([&] {
+            while (!done) EXPECT_TRUE(thread.WaitForStop(kLongMS));
+        });
+    }
+    Script script{.body = [](int, KxThread*) { return true; }};
+    for (int round = 0; round < 150; ++round) {
+        EXPECT_TRUE(script.StartOn(thread)) << round;
+        EXPECT_TRUE(thread.Stop(kLongMS));
+    }
+    done = true;
+    for (std::thread& waiter : waiters) waiter.join();
+}
+
+// Gives new threads a stack that no address space holds.
+class NoRoomForThreads {
+public:
+    NoRoomForThreads() {
+        pthread_getattr_default_np(&saved);
+        pthread_attr_t huge;
+        pthread_attr_init(&huge);
+        pthread_attr_setstacksize(&huge, sizeof(size_t) == 4 ? size_t{0xF0000000} : SIZE_MAX / 4);
+        pthread_setattr_default_np(&huge);
+        pthread_attr_destroy(&huge);
+    }
+    ~NoRoomForThreads() {
+        pthread_setattr_default_np(&saved);
+        pthread_attr_destroy(&saved);
+    }
+
+private:
+    pthread_attr_t saved;
+};
+
+TEST(KxThread, StaysUsableWhenTheSystemRefusesAThread) {
+    const LogCapture log(kLogError);
+    KxThread thread("worker");
+    Script script{.body = [](int, KxThread*) { return false; }};
+    {
+        const NoRoomForThreads noRoom;
+        ASSERT_FALSE(script.StartOn(thread));
+    }
+    ASSERT_EQ(log.Texts(kLogError).size(), 1u);
+    EXPECT_EQ(log.Texts(kLogError)[0].find("Failed to start thread worker: "), 0u);
+    EXPECT_TRUE(thread.IsStopped());
+    ASSERT_TRUE(script.StartOn(thread));
+    EXPECT_TRUE(thread.WaitForStop(kLongMS));
+    EXPECT_EQ(script.calls, 1);
+}
+
+}  // namespace
