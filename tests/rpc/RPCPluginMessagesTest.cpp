@@ -1,0 +1,317 @@
+// The life of a message: creation, sending as a post or a request, and the book of the requests.
+#include <thread>
+
+#include "rpc/RPCPluginInstance.h"
+#include "tests/rpc/ChannelService.h"
+
+namespace {
+
+using Names = ChannelService::Names;
+
+class RPCPluginMessagesTest : public InstanceUnderTest {
+protected:
+    bool Post() {
+        void* message = nullptr;
+        return instance->CreateMessage(&message, RPCChannelType::Data) &&
+               instance->InvokeMessage(message, FALSE, RPCChannelType::Data);
+    }
+
+    // The id of a request that the service has accepted.
+    uint32_t Request() {
+        void* message = nullptr;
+        EXPECT_TRUE(instance->CreateMessage(&message, RPCChannelType::Data));
+        EXPECT_TRUE(instance->InvokeMessage(message, TRUE, RPCChannelType::Data));
+        return service.latestId;
+    }
+
+    void Done(uint32_t requestId) { service.ContextSink().OnMsgDone(service.context, requestId, nullptr); }
+    void Abort(uint32_t requestId) { service.ContextSink().OnMsgAbort(service.context, requestId, TRUE, 5); }
+
+    int PendingCount() { return instance->UpdatePendingCount(0, nullptr, 0); }
+    Names Debugs() const { return log.Texts(kLogDebug); }
+};
+
+TEST_F(RPCPluginMessagesTest, APostIsMarkedAndLeavesNothingBehind) {
+    StartReady();
+    EXPECT_TRUE(Post());
+    EXPECT_EQ(service.TakeCalls(),
+              (Names{"CreateContext", "VariantInit", "VariantFromUInt32", "SetOption 1 1", "VariantClear", "Invoke"}));
+    EXPECT_EQ(PendingCount(), 0);
+    EXPECT_TRUE(instance->WaitForPendingMessages(0));
+    EXPECT_EQ(log.Texts(kLogWarn), Names{});
+}
+
+TEST_F(RPCPluginMessagesTest, AMessageTravelsOnTheObjectOfItsType) {
+    StartReady();
+    for (const auto& [type, name] :
+         {std::pair(RPCChannelType::Control, "control"), std::pair(RPCChannelType::Data, "data")}) {
+        void* message = nullptr;
+        ASSERT_TRUE(instance->CreateMessage(&message, type));
+        EXPECT_EQ(message, service.Find(name));
+        ASSERT_TRUE(instance->InvokeMessage(message, TRUE, type));
+        EXPECT_EQ(service.invokedOn, service.Find(name));
+        EXPECT_EQ(service.invokedContext, message);
+        EXPECT_EQ(service.ContextSink().version, 1u);
+        Done(service.latestId);
+    }
+    void* message = nullptr;
+    EXPECT_FALSE(instance->CreateMessage(&message, static_cast<RPCChannelType>(2)));
+    EXPECT_TRUE(log.Has(kLogDebug, "Failed to create message (hChannel == NULL)\n"));
+}
+
+TEST_F(RPCPluginMessagesTest, APostGoesOnWithoutItsMark) {
+    StartReady();
+    for (const char* word : {"SetOption", "VariantFromUInt32"}) {
+        service.Fail(word);
+        EXPECT_TRUE(Post());
+        service.FailNoMore();
+    }
+    EXPECT_EQ(log.Texts(kLogWarn), Names(2, "Unable to set post mode for qscservice.\n"));
+    EXPECT_EQ(service.Count("Invoke"), 2u);
+    EXPECT_EQ(service.Count("VariantClear"), 2u);
+}
+
+TEST_F(RPCPluginMessagesTest, RefusesMessagesUntilItIsReady) {
+    Start();
+    void* message = nullptr;
+    uint32_t options = 0;
+    const auto refusals = [&] {
+        log.Clear();
+        EXPECT_FALSE(instance->CreateMessage(&message, RPCChannelType::Data));
+        EXPECT_FALSE(instance->CreateExtMessage(&message, RPCChannelType::Data, 4));
+        EXPECT_FALSE(instance->GetChannelOptions(RPCChannelType::Data, &options));
+        EXPECT_FALSE(instance->InvokeMessage(&service, TRUE, RPCChannelType::Data));
+        return Debugs();
+    };
+    const std::string send = "Failed to send message (not ready)\n";
+    const std::string create = "Failed to create message ", get = "Failed to get channel options ";
+    const std::string none = "(hChannel == NULL)\n", early = "(not ready)\n";
+    EXPECT_EQ(refusals(), (Names{create + none, create + none, get + none, send}));
+    service.FirePeerObject("data");
+    service.FireObject("data", QSC_OBJECT_CONNECTED);
+    EXPECT_EQ(refusals(), (Names{create + early, create + early, get + early, send}));
+    EXPECT_EQ(PendingCount(), 0);
+    service.FirePeerObject("control");
+    service.FireObject("control", QSC_OBJECT_CONNECTED);
+    EXPECT_TRUE(Post());
+    service.FireChannel(QSC_CHANNEL_DISCONNECTED);
+    EXPECT_EQ(refusals(), (Names{create + none, create + none, get + none, send}));
+    EXPECT_EQ(service.Count("Invoke"), 1u);
+}
+
+TEST_F(RPCPluginMessagesTest, ExtendedOperationsNeedANewService) {
+    StartReady();
+    void* message = nullptr;
+    uint32_t options = 0;
+    service.options = 0x21;
+    EXPECT_TRUE(instance->CreateExtMessage(&message, RPCChannelType::Data, 0));
+    EXPECT_TRUE(instance->CreateExtMessage(&message, RPCChannelType::Data, 4));
+    EXPECT_TRUE(instance->GetChannelOptions(RPCChannelType::Data, &options));
+    EXPECT_EQ(options, 0x21u);
+    EXPECT_EQ(service.TakeCalls(), (Names{"CreateContext", "CreateContextEx 4", "GetObjectOptions"}));
+    EXPECT_FALSE(instance->GetChannelOptions(RPCChannelType::Data, nullptr));
+    EXPECT_EQ(Errors(), Names{"Failed to get channel options (invalid argument) \n"});
+
+    service.object.CreateContextEx = nullptr;
+    service.object.GetObjectOptions = nullptr;
+    const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
+    ASSERT_TRUE(manager.Init(false, &query));
+    log.Clear();
+    EXPECT_TRUE(instance->CreateExtMessage(&message, RPCChannelType::Data, 0));
+    EXPECT_FALSE(instance->CreateExtMessage(&message, RPCChannelType::Data, 0x1F));
+    EXPECT_FALSE(instance->GetChannelOptions(RPCChannelType::Data, nullptr));
+    EXPECT_EQ(Errors(), (Names{"Failed to create message (API not available for 0x1f)\n",
+                               "Failed to get channel options (no API) \n"}));
+}
+
+TEST_F(RPCPluginMessagesTest, FailuresOfTheServiceAreTold) {
+    StartReady();
+    void* message = nullptr;
+    uint32_t options = 0;
+    for (const char* word : {"CreateContext", "CreateContextEx", "GetObjectOptions", "DestroyContext", "Invoke"}) {
+        service.Fail(word);
+    }
+    EXPECT_FALSE(instance->CreateMessage(&message, RPCChannelType::Data));
+    EXPECT_FALSE(instance->CreateExtMessage(&message, RPCChannelType::Data, 4));
+    EXPECT_FALSE(instance->GetChannelOptions(RPCChannelType::Data, &options));
+    EXPECT_FALSE(instance->DestroyMessage(&service));
+    EXPECT_EQ(Debugs(), (Names{"Failed to create message (CreateContext failed)\n",
+                               "Failed to create message (CreateContext failed)\n",
+                               "Failed to get channel options (GetObjectOptions failed)\n",
+                               "Failed to destroy message (DestroyContext failed)\n"}));
+    for (const Bool expectResponse : {FALSE, TRUE}) {
+        log.Clear();
+        EXPECT_FALSE(instance->InvokeMessage(&service, expectResponse, RPCChannelType::Data));
+        EXPECT_EQ(Errors(), Names{"Failed to send message (Invoke failed)\n"});
+        EXPECT_EQ(PendingCount(), 0);
+        EXPECT_TRUE(instance->WaitForPendingMessages(0));
+    }
+    service.FailNoMore();
+    EXPECT_TRUE(instance->DestroyMessage(&service));
+    EXPECT_TRUE(Post());
+}
+
+TEST_F(RPCPluginMessagesTest, RequestsArePendingUntilTheyAreClosed) {
+    StartReady();
+    const uint32_t first = Request();
+    EXPECT_FALSE(instance->WaitForPendingMessages(0));
+    EXPECT_TRUE(log.Has(kLogInfo, "1 message still pending\n"));
+    const uint32_t second = Request();
+    EXPECT_FALSE(instance->WaitForPendingMessages(0));
+    EXPECT_TRUE(log.Has(kLogInfo, "2 messages still pending\n"));
+    EXPECT_EQ(PendingCount(), 2);
+    Done(first);
+    EXPECT_FALSE(instance->WaitForPendingMessages(0));
+    Abort(second);
+    EXPECT_TRUE(instance->WaitForPendingMessages(0));
+    EXPECT_EQ(instance->TakeHeard(),
+              (Names{"done " + std::to_string(first), "abort " + std::to_string(second) + " 1 5"}));
+    Done(99);
+    Abort(99);
+    EXPECT_EQ(PendingCount(), 0);
+    EXPECT_TRUE(instance->WaitForPendingMessages(0));
+    EXPECT_EQ(instance->TakeHeard(), (Names{"done 99", "abort 99 1 5"}));
+}
+
+TEST_F(RPCPluginMessagesTest, AnAnswerMayComeBeforeTheSendingReturns) {
+    StartReady();
+    service.During("Invoke", [this] { Done(service.latestId); });
+    const uint32_t id = Request();
+    EXPECT_EQ(instance->TakeHeard(), Names{"done " + std::to_string(id)});
+    EXPECT_EQ(PendingCount(), 0);
+    EXPECT_TRUE(instance->WaitForPendingMessages(0));
+}
+
+TEST_F(RPCPluginMessagesTest, AWaiterForPendingMessagesIsWokenByTheLastAnswer) {
+    StartReady();
+    const uint32_t ids[] = {Request(), Request()};
+    bool done = false;
+    std::thread waiter([&] { done = instance->WaitForPendingMessages(kInfinite); });
+    for (const uint32_t id : ids) Done(id);
+    waiter.join();
+    EXPECT_TRUE(done);
+}
+
+TEST_F(RPCPluginMessagesTest, ADoneTellsOfOlderRequestsThatAreStillPending) {
+    StartReady();
+    const uint32_t old = Request(), aborted = Request();
+    Abort(aborted);
+    KxEvent never(false, false);
+    never.Wait(1100);  // requests older than a second are told
+    const uint32_t young = Request(), answered = Request();
+    log.Clear();
+    Done(answered);
+    Names lines;
+    for (const std::string& line : Debugs()) lines.push_back(line.substr(line.find("Request ")));
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].find("Request " + std::to_string(old) + " still pending sfter 1"), 0u);
+    EXPECT_EQ(lines[1].find("Request " + std::to_string(aborted) + " still pending sfter 1"), 0u);
+    log.Clear();
+    Done(old);
+    Done(young);
+    EXPECT_EQ(Debugs().size(), 1u);  // only the entry that the abort has left
+}
+
+struct CountCase {
+    int before, delta, after;
+    const char* text;
+    bool signaled;
+};
+
+TEST_F(RPCPluginMessagesTest, TheCountNeverFallsBelowZeroAndTheEventKeepsStep) {
+    Start();
+    const CountCase cases[] = {
+        {0, 1, 1, " (1 message pending)", false},
+        {1, 1, 2, " (2 messages pending)", false},
+        {2, 0, 2, " (2 messages pending)", false},
+        {2, -1, 1, " (1 message pending)", false},
+        {1, -1, 0, " (0 messages pending)", true},
+        {0, 0, 0, " (0 messages pending)", true},
+        {0, -1, 0, " (unexpected message. delta: -1)", true},
+        {1, -3, 0, " (unexpected message. delta: -3)", true},
+    };
+    for (const CountCase& c : cases) {
+        SCOPED_TRACE(c.text);
+        char text[128] = "untouched";
+        instance->UpdatePendingCount(c.before - PendingCount(), nullptr, 0);
+        EXPECT_EQ(instance->UpdatePendingCount(c.delta, text, sizeof text), c.after);
+        EXPECT_STREQ(text, c.text);
+        EXPECT_EQ(instance->WaitForPendingMessages(0), c.signaled);
+    }
+    char text[8] = "keep";
+    EXPECT_EQ(instance->UpdatePendingCount(1, text, 0), 1);
+    EXPECT_STREQ(text, "keep");
+    instance->UpdatePendingCount(1, text, sizeof text);
+    EXPECT_STREQ(text, " (2 mes");
+}
+
+TEST_F(RPCPluginMessagesTest, BothObjectsDeliverToOneHook) {
+    StartReady();
+    for (const char* name : {"control", "data"}) {
+        service.Find(name)->sink->OnMsgInvoke(service.context, &service, nullptr);
+    }
+    EXPECT_EQ(instance->TakeHeard(), Names(2, "invoke"));
+}
+
+TEST_F(RPCPluginMessagesTest, SendersMeetAChannelThatComesAndGoes) {
+    Start();
+    std::atomic<bool> stop{false};
+    std::atomic<int> sent{0}, destroyed{0};
+    std::vector<std::thread> senders;
+    for (const Bool expectResponse : {FALSE, TRUE}) {
+        senders.emplace_back([&, expectResponse] {
+            while (!stop) {
+                void* message = nullptr;
+                if (!instance->CreateMessage(&message, RPCChannelType::Data)) continue;
+                if (instance->InvokeMessage(message, expectResponse, RPCChannelType::Data)) {
+                    ++sent;
+                } else if (instance->DestroyMessage(message)) {
+                    ++destroyed;
+                }
+            }
+        });
+    }
+    for (int round = 0; round < 50; ++round) {
+        service.BringUp();
+        const int before = sent;
+        while (sent == before) std::this_thread::yield();
+        service.FireChannel(QSC_CHANNEL_DISCONNECTED);
+    }
+    stop = true;
+    for (std::thread& sender : senders) sender.join();
+    EXPECT_EQ(service.Count("CreateContext"), static_cast<size_t>(sent + destroyed));
+    EXPECT_EQ(service.Count("Invoke"), static_cast<size_t>(sent));
+    Names expected;
+    for (int round = 0; round < 50; ++round) expected.insert(expected.end(), {"ready", "not ready"});
+    EXPECT_EQ(instance->TakeHeard(), expected);
+}
+
+TEST_F(RPCPluginMessagesTest, AnswersOnOneThreadMeetRequestsOnAnother) {
+    StartReady();
+    constexpr uint32_t kRequests = 500;
+    std::mutex lock;
+    std::vector<uint32_t> open;
+    service.During("Invoke", [&] {
+        std::lock_guard guard(lock);
+        open.push_back(service.latestId);
+    });
+    std::thread sender([&] {
+        for (uint32_t i = 0; i < kRequests; ++i) Request();
+    });
+    for (uint32_t answered = 0; answered < kRequests;) {
+        std::vector<uint32_t> batch;
+        {
+            std::lock_guard guard(lock);
+            batch.swap(open);
+        }
+        if (batch.empty()) std::this_thread::yield();
+        for (const uint32_t id : batch) Done(id);
+        answered += static_cast<uint32_t>(batch.size());
+    }
+    sender.join();
+    EXPECT_EQ(PendingCount(), 0);
+    EXPECT_TRUE(instance->WaitForPendingMessages(0));
+    EXPECT_EQ(instance->TakeHeard().size(), kRequests);
+}
+
+}  // namespace
