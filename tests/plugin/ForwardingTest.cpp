@@ -1,0 +1,199 @@
+#include <cstdint>
+#include <functional>
+#include <limits>
+
+#include "tests/plugin/PluginUnderTest.h"
+
+namespace {
+
+using qscservice::Op;
+using qscservice::ScriptedService;
+using qscservice::Value;
+
+std::vector<uint8_t> Bytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+void Answered() {}
+
+class Forwarding : public PluginUnderTest {
+protected:
+    struct Sender {
+        const char* name;
+        std::function<bool(size_t, const char*)> send;  // the result of the two that have one, else true
+        bool result;                                    // has a result
+    };
+
+    std::vector<Sender> Senders() const {
+        return {
+            {"PostMsg", [this](size_t size, const char* data) { return daemon.postMsg("Type", size, data), true; },
+             false},
+            {"PostMsgFast",
+             [this](size_t size, const char* data) {
+                 return daemon.postMsgFast(size, reinterpret_cast<const unsigned char*>(data));
+             },
+             true},
+            {"PostHIDOptMsgFast",
+             [this](size_t size, const char* data) {
+                 return daemon.postHIDOptMsgFast(size, reinterpret_cast<const unsigned char*>(data));
+             },
+             true},
+            {"SendAsyncMsg",
+             [this](size_t size, const char* data) {
+                 EXPECT_EQ(daemon.sendAsyncMsg("Type", size, data, Answered, nullptr, "id"), nullptr);
+                 return true;
+             },
+             false},
+        };
+    }
+
+    void ExpectDropped(const Sender& sender, const Texts& errors, size_t size = 4, const char* data = "text") {
+        log.Clear();
+        service.ClearSent();
+        EXPECT_EQ(sender.send(size, data), !sender.result) << sender.name;
+        EXPECT_EQ(log.Texts(kLogError), errors) << sender.name;
+        EXPECT_TRUE(service.Sent().empty()) << sender.name;
+        EXPECT_EQ(service.UnsentContexts(), 0u) << sender.name;
+    }
+};
+
+TEST_F(Forwarding, PutsEachMessageInItsWireForm) {
+    StartReady();
+    const std::vector<uint8_t> content = Bytes("content");
+    for (const Sender& sender : Senders()) EXPECT_TRUE(sender.send(7, "content and more"));
+    const auto sent = service.Sent();
+    ASSERT_EQ(sent.size(), 4u);
+    const std::vector<Value> expected[] = {{Value("Type"), Value(content)},
+                                           {Value(content)},
+                                           {Value(content)},
+                                           {Value("Type"), Value("id"), Value(content)}};
+    const uint32_t commands[] = {0, 1, 3, 2};
+    for (size_t i = 0; i < 4; ++i) {
+        EXPECT_EQ(sent[i].object, kData);
+        EXPECT_EQ(sent[i].command, commands[i]);
+        EXPECT_EQ(sent[i].params, expected[i]) << i;
+        EXPECT_EQ(sent[i].post, commands[i] != 2);
+    }
+    EXPECT_EQ(log.Count("Invoke postMsgFast message. Blob size is [7].\n"), 2u);
+    EXPECT_TRUE(log.Has(kLogTrace, "Forwarding SendAsyncMsg to server.\n"));
+    EXPECT_TRUE(log.Has(kLogTrace, "Send Async message: Type is [Type], Blob size is [7].\n"));
+    EXPECT_TRUE(log.Texts(kLogError).empty());
+    ASSERT_TRUE(service.Complete(sent[3].requestId, {Value("id"), Value(content)}));
+}
+
+TEST_F(Forwarding, SendsExactlyTheBytesThatItMayRead) {
+    StartReady();
+    struct Case {
+        std::string given;   // all that the daemon's buffer holds
+        std::string posted;  // content of a post
+    };
+    for (const Case& c : std::vector<Case>{{"", ""},
+                                           {"no terminator", "no terminator"},
+                                           {std::string("ab\0cd", 5), std::string("ab\0\0\0", 5)},
+                                           {std::string("\0x", 2), std::string("\0\0", 2)},
+                                           {std::string(100000, 'y'), std::string(100000, 'y')}}) {
+        service.ClearSent();
+        const std::vector<char> buffer(c.given.begin(), c.given.end());
+        for (const Sender& sender : Senders()) EXPECT_TRUE(sender.send(buffer.size(), buffer.data()));
+        const auto sent = service.Sent();
+        ASSERT_EQ(sent.size(), 4u);
+        EXPECT_EQ(sent[0].params[1], Value(Bytes(c.posted)));
+        EXPECT_EQ(sent[1].params[0], Value(Bytes(c.given)));
+        EXPECT_EQ(sent[2].params[0], Value(Bytes(c.given)));
+        EXPECT_EQ(sent[3].params[2], Value(Bytes(c.posted)));
+    }
+    EXPECT_TRUE(log.Texts(kLogError).empty());
+}
+
+TEST_F(Forwarding, WithoutAnInstanceMessagesAreDroppedWithAnInfoLine) {
+    Start();
+    for (const Sender& sender : Senders()) {
+        ExpectDropped(sender, {});
+        EXPECT_EQ(log.Texts(kLogInfo), Texts{"UsbRedirectionClientPlugin isn't initialized.\n"});
+    }
+}
+
+TEST_F(Forwarding, UntilTheChannelIsReadyAndAfterALossMessagesAreDropped) {
+    const Texts error{"Something went wrong while calling CreateMessage.\n"};
+    Start();
+    CreateInstance();
+    for (const Sender& sender : Senders()) ExpectDropped(sender, error);
+    ASSERT_TRUE(service.BringUp());
+    for (const Sender& sender : Senders()) EXPECT_TRUE(sender.send(4, "text"));
+    EXPECT_EQ(service.Sent().size(), 4u);
+    service.BringDown();
+    for (const Sender& sender : Senders()) ExpectDropped(sender, error);
+    EXPECT_TRUE(gUsbRedirectionClient.GetPlugin()->IsTransportReady());
+    ASSERT_TRUE(service.BringUp());
+    service.ClearSent();
+    for (const Sender& sender : Senders()) EXPECT_TRUE(sender.send(4, "text"));
+    EXPECT_EQ(service.Sent().size(), 4u);
+}
+
+TEST_F(Forwarding, AFailureOfTheServiceDropsOneMessageAndNoMore) {
+    StartReady();
+    const std::string create = "Something went wrong while calling CreateMessage.\n";
+    const std::string content = "Failed to add message content.\n";
+    const std::string type = "Failed to add message type.\n";
+    const std::string send = "Failed to send message (Invoke failed)\n";
+    const std::string destroy = "Invoke message failed. Destroying the message.\n";
+    struct Case {
+        Op op;
+        Texts post, fast, async;  // ERROR lines
+    };
+    for (const Case& c : std::vector<Case>{{Op::CreateContext, {create}, {create}, {create}},
+                                           {Op::AppendParam, {type, send, destroy}, {content}, {type, send, destroy}},
+                                           {Op::VariantFrom, {type, send, destroy}, {content}, {type, send, destroy}},
+                                           {Op::Invoke, {send, destroy}, {send, destroy}, {send, destroy}}}) {
+        for (const Sender& sender : Senders()) {
+            SCOPED_TRACE(std::string(OpName(c.op)) + " in " + sender.name);
+            service.Fail(c.op);
+            ExpectDropped(sender, sender.result ? c.fast : sender.name[0] == 'P' ? c.post : c.async);
+            EXPECT_TRUE(sender.send(4, "text"));
+            EXPECT_EQ(service.Sent().size(), 1u);
+        }
+    }
+    service.ClearSent();
+    service.Fail(Op::SetCommand);
+    ExpectDropped(Senders()[1], {"Failed to set command 1.\n"});
+}
+
+TEST_F(Forwarding, RefusesWhatTheDaemonMayNotSend) {
+    StartReady();
+    for (const Sender& sender : Senders()) {
+        ExpectDropped(sender, {"A message of 4 bytes came without its bytes.\n"}, 4, nullptr);
+        if constexpr (sizeof(size_t) > 4) {
+            constexpr size_t kTooLarge = static_cast<size_t>(std::numeric_limits<uint32_t>::max()) + 1;
+            ExpectDropped(sender, {"A message of 4294967296 bytes is too large to send.\n"}, kTooLarge, "x");
+        }
+        EXPECT_TRUE(sender.send(0, nullptr)) << sender.name;
+        EXPECT_EQ(service.Sent().size(), 1u) << sender.name;
+    }
+    log.Clear();
+    service.ClearSent();
+    daemon.postMsg(nullptr, 1, "x");
+    daemon.sendAsyncMsg(nullptr, 1, "x", Answered, nullptr, "id");
+    daemon.sendAsyncMsg("Type", 1, "x", Answered, nullptr, nullptr);
+    EXPECT_EQ(log.Texts(kLogError), (Texts{"A message came without its type.\n", "A message came without its type.\n",
+                                           "A message came without its id.\n"}));
+    EXPECT_TRUE(service.Sent().empty());
+}
+
+TEST_F(Forwarding, TheCurrentInstanceOutlivesTheEndOfAnEarlierOne) {
+    StartReady();
+    void* earlier = instance;
+    service.BringDown();
+    qscservice::ScriptedService later;  // each instance has a channel of its own
+    ASSERT_EQ(QSCService_PluginCreateInstance(later.Handle(), &instance), TRUE);
+    ASSERT_NE(instance, earlier);
+    EXPECT_EQ(QSCService_PluginDestroyInstance(earlier), TRUE);
+    EXPECT_NE(gUsbRedirectionClient.GetPlugin(), nullptr);
+    ASSERT_TRUE(later.BringUp());
+    EXPECT_TRUE(daemon.postMsgFast(1, reinterpret_cast<const unsigned char*>("x")));
+    DestroyInstance();
+    EXPECT_EQ(gUsbRedirectionClient.GetPlugin(), nullptr);
+    EXPECT_EQ(log.Count("Request for UsbRedirectionClientPlugin to be created.\n"), 1u);
+    EXPECT_EQ(log.Count("Request for UsbRedirectionClientPlugin to be destroyed.\n"), 2u);
+}
+
+}  // namespace

@@ -1,0 +1,165 @@
+#include "plugin/StartupArgs.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <utility>
+#include <vector>
+
+#include "plugin/PluginGlobals.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+struct ParseCase {
+    const char* text;
+    bool whole;
+    std::vector<std::pair<std::string, std::string>> pairs;
+    std::vector<std::string> absent;
+};
+
+TEST(StartupArgsMap, TakesThePairsAheadOfTheFirstFault) {
+    for (const ParseCase& c : std::vector<ParseCase>{
+             {"", false, {}, {""}},
+             {",", true, {{"", ""}}, {}},
+             {"a,1", true, {{"a", "1"}}, {}},
+             {"a,1,", false, {{"a", "1"}}, {""}},
+             {"a,1,b", false, {{"a", "1"}}, {"b"}},
+             {"a,1,b,2,a,3", true, {{"a", "3"}, {"b", "2"}}, {}},
+             {"a/2Eb,/5Cx/5cy", true, {{"a.b", "\\x\\y"}}, {}},
+             {"a.b,x y", true, {{"a.b", "x y"}}, {}},
+             {"a,/2F/2C", true, {{"a", "/,"}}, {}},
+             {"a,1,b,/4", false, {{"a", "1"}}, {"b"}},
+             {"a,1,b,2/", false, {{"a", "1"}}, {"b"}},
+             {"a,1,/G1,2,c,3", false, {{"a", "1"}}, {"c"}},
+             {"a,1,b,/1g,c,3", false, {{"a", "1"}}, {"b", "c"}},
+             {"a,1,/4,1b,c,3", false, {{"a", "1"}}, {"c", "A"}},
+             {"a,/00", true, {{"a", std::string(1, '\0')}}, {}},
+             {"a,/fF/Ff", true, {{"a", "\xFF\xFF"}}, {}},
+         }) {
+        SCOPED_TRACE(c.text);
+        StartupArgsMap map;
+        EXPECT_EQ(map.Parse(c.text), c.whole);
+        for (const auto& [key, value] : c.pairs) {
+            std::string found;
+            EXPECT_TRUE(map.Get(key, found)) << key;
+            EXPECT_EQ(found, value);
+        }
+        for (const std::string& key : c.absent) {
+            std::string found = "untouched";
+            EXPECT_FALSE(map.Get(key, found)) << key;
+            EXPECT_EQ(found, "untouched");
+        }
+    }
+}
+
+std::string WithAt(size_t length, std::vector<size_t> positions) {
+    std::string text(length, 'p');
+    for (size_t i = 0; i < length; ++i) text[i] = static_cast<char>('a' + i % 26);
+    for (size_t at : positions) text[at] = '@';
+    return text;
+}
+
+TEST(StartupArgs, CutsADesktopIdentifierButKeepsItsTail) {
+    struct Case {
+        std::string pid, cleaned;
+    };
+    const std::string tail150 = WithAt(200, {150});
+    const std::string twoTails = WithAt(300, {140, 290});
+    for (const Case& c : std::vector<Case>{
+             {"", ""},
+             {"a\\b\\", "a/b/"},
+             {WithAt(128, {}), WithAt(128, {})},
+             {WithAt(129, {}), WithAt(128, {})},
+             {WithAt(200, {}), WithAt(128, {})},
+             {WithAt(200, {100}), WithAt(200, {100})},
+             {WithAt(200, {0}), WithAt(200, {0})},
+             {WithAt(200, {128}), WithAt(200, {128})},
+             {WithAt(200, {129}), WithAt(128, {}) + WithAt(200, {129}).substr(129)},
+             {tail150, tail150.substr(0, 128) + tail150.substr(150)},
+             {twoTails, twoTails.substr(0, 128) + twoTails.substr(290)},
+             {WithAt(200, {199}), WithAt(128, {}) + "@"},
+         }) {
+        std::string pid = c.pid;
+        StartupArgs_CleanUpPid(pid);
+        EXPECT_EQ(pid, c.cleaned) << c.pid;
+    }
+}
+
+class SetStartupArgs : public testing::Test {
+protected:
+    void SetUp() override { gUsbStartupArgs.reset(); }
+    void TearDown() override { gUsbStartupArgs.reset(); }
+};
+
+struct ArgsCase {
+    const char* args;
+    const char *enabled, *pid, *load;
+};
+
+TEST_F(SetStartupArgs, ChangesOnlyTheArgumentsThatACallCarries) {
+    for (const ArgsCase& c : std::vector<ArgsCase>{
+             {"", "", "", ""},
+             {"VChan/2EUsbOverVChan/2Eenabled,TRUE,VChan.UsbOverVChan.desktopPID,a/5Cb,"
+              "VChan/2eUsbOverVChan/2eisLoadUsbdNeeded,true",
+              "TRUE", "a/b", "true"},
+             {"VChan.UsbOverVChan.isLoadUsbdNeeded,no,VChan.UsbOverVChan.enabled,/x", "TRUE", "a/b", "no"},
+             {"vchan.usbovervchan.enabled,lower", "TRUE", "a/b", "no"},
+             {"VChan.UsbOverVChan.desktopPID,,other", "TRUE", "", "no"},
+         }) {
+        SCOPED_TRACE(c.args);
+        LogCapture log;
+        EXPECT_EQ(QSCService_PluginSetStartupArgs(c.args), TRUE);
+        ASSERT_TRUE(gUsbStartupArgs);
+        EXPECT_EQ(gUsbStartupArgs->isUsbVChannelEnabled, c.enabled);
+        EXPECT_EQ(gUsbStartupArgs->pid, c.pid);
+        EXPECT_EQ(gUsbStartupArgs->isLoadUsbdNeeded, c.load);
+        EXPECT_EQ(log.Texts(kLogInfo),
+                  std::vector<std::string>{std::string("isUsbVChannelEnabled = ") + c.enabled + ", pid = " + c.pid +
+                                           ", isLoadUsbdNeeded = " + c.load + "\n"});
+    }
+}
+
+TEST_F(SetStartupArgs, NullLeavesEverythingAsItWas) {
+    LogCapture log;
+    EXPECT_EQ(QSCService_PluginSetStartupArgs(nullptr), FALSE);
+    EXPECT_FALSE(gUsbStartupArgs);
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(SetStartupArgs, CleansAnIdentifierKeptFromAnEarlierCall) {
+    QSCService_PluginSetStartupArgs("VChan.UsbOverVChan.desktopPID,x");
+    gUsbStartupArgs->pid = "kept\\before";
+    QSCService_PluginSetStartupArgs("other,1");
+    EXPECT_EQ(gUsbStartupArgs->pid, "kept/before");
+}
+
+TEST(PluginGetTokenName, FillsExactlyTheBufferItIsGiven) {
+    struct Case {
+        int size;
+        const char* text;
+    };
+    for (const Case& c :
+         {Case{1, ""}, {5, "UsbR"}, {14, "UsbRedirectio"}, {15, "UsbRedirection"}, {20, "UsbRedirection"}}) {
+        SCOPED_TRACE(c.size);
+        char buffer[32];
+        std::memset(buffer, '#', sizeof buffer);
+        LogCapture log;
+        EXPECT_EQ(QSCService_PluginGetTokenName(buffer, c.size), TRUE);
+        EXPECT_STREQ(buffer, c.text);
+        EXPECT_TRUE(std::all_of(buffer + std::strlen(c.text), buffer + c.size, [](char b) { return b == '\0'; }));
+        EXPECT_EQ(buffer[c.size], '#');
+        ASSERT_EQ(log.Lines().size(), 2u);
+        EXPECT_NE(log.Lines()[1].text.find("\"UsbRedirection\""), std::string::npos);
+    }
+}
+
+TEST(PluginGetTokenName, RefusesABufferThatCanHoldNothing) {
+    char buffer[4] = "abc";
+    EXPECT_EQ(QSCService_PluginGetTokenName(buffer, 0), FALSE);
+    EXPECT_EQ(QSCService_PluginGetTokenName(buffer, -3), FALSE);
+    EXPECT_EQ(QSCService_PluginGetTokenName(nullptr, 4), FALSE);
+    EXPECT_STREQ(buffer, "abc");
+}
+
+}  // namespace

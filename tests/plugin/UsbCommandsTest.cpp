@@ -1,0 +1,249 @@
+#include "plugin/UsbCommands.h"
+
+#include "tests/plugin/PluginUnderTest.h"
+
+namespace {
+
+using qscservice::Value;
+using qscservice::Values;
+
+const std::vector<uint8_t> kBlob{'b', 0, 'c'};
+const std::vector<uint8_t> kEmptyBlob;
+
+class AgentMessages : public PluginUnderTest {
+protected:
+    struct Case {
+        uint32_t command;
+        std::vector<Value> params;
+        Texts errors;       // empty: the message is handled
+        Texts daemon;       // what the daemon hears
+        Texts client = {};  // what the embedding client hears
+    };
+
+    void Check(const Case& c) {
+        const size_t before = FakeUsbd::Texts().size();
+        ForgetRecords();
+        service.Deliver(kData, c.command, Values(c.params));
+        EXPECT_TRUE(log.Has(kLogTrace, "Received package from peer.\n"));
+        EXPECT_EQ(log.Texts(kLogError), c.errors);
+        const Texts all = FakeUsbd::Texts();
+        EXPECT_EQ(Texts(all.begin() + static_cast<ptrdiff_t>(before), all.end()), c.daemon);
+        EXPECT_EQ(Heard(), c.client);
+        EXPECT_EQ(service.Count(qscservice::Op::VariantInit), service.Count(qscservice::Op::VariantClear));
+    }
+};
+
+TEST_F(AgentMessages, ActOnThisSideOrAreRefused) {
+    const std::string failed0 = "Failed to parse message: 0.\n";
+    const std::string failed1 = "Failed to parse message: 1.\n";
+    const auto unsupported = [&](const std::string& type) {
+        return Texts{"Unsupported operation type (" + type + ") from agent.\n", failed0};
+    };
+    const uint64_t big = (uint64_t{1} << 32) + 5;
+    StartReady();
+    for (const Case& c : std::vector<Case>{
+             {0, {Value("Filter"), Value(kBlob)}, {}, {"Usbd_SetUsbDeviceFilterEnabledStatus 1"}, {"filter on"}},
+             {0, {Value("filter"), Value(kEmptyBlob)}, {}, {"Usbd_SetUsbDeviceFilterEnabledStatus 1"}, {"filter on"}},
+             {0, {Value("UNFILTER"), Value(kBlob)}, {}, {"Usbd_SetUsbDeviceFilterEnabledStatus 0"}, {"filter off"}},
+             {0, {Value("HIDOptOperation"), Value(kBlob)}, {}, {"Usbd_PostHIDOptOperationMsg"}},
+             {0, {Value("hidoptoperation"), Value(kEmptyBlob), Value(1u)}, {}, {"Usbd_PostHIDOptOperationMsg"}},
+             {0, {Value("UnplugDevice"), Value(kBlob)}, unsupported("UnplugDevice"), {}},
+             {0, {Value("PlugInDevice"), Value(kBlob)}, unsupported("PlugInDevice"), {}},
+             {0, {Value("IsUsbAvailable"), Value(kBlob)}, unsupported("IsUsbAvailable"), {}},
+             {0, {Value("ClientStartup"), Value(kBlob)}, unsupported("ClientStartup"), {}},
+             {0, {Value("UemIsReady"), Value(kBlob)}, unsupported("UemIsReady"), {}},
+             {0, {Value(""), Value(kBlob)}, unsupported(""), {}},
+             {0, {Value("Filters"), Value(kBlob)}, unsupported("Filters"), {}},
+             {0, {}, {"Failed to get message type at index 0.\n", failed0}, {}},
+             {0, {Value(kBlob), Value("Filter")}, {"Failed to get message type at index 0.\n", failed0}, {}},
+             {0, {Value("Filter")}, {"Failed to get message blob at index 1.\n", failed0}, {}},
+             {0, {Value("Filter"), Value("text")}, {"Failed to get message blob at index 1.\n", failed0}, {}},
+             {1, {Value(7u), Value(uint64_t{8}), Value(uint64_t{9}), Value(kBlob)}, {}, {"Usbd_PostMsgToUsbdPoll 8 9"}},
+             {1,
+              {Value(7u), Value(big), Value(big - 6), Value(kEmptyBlob)},
+              {},
+              {"Usbd_PostMsgToUsbdPoll 5 4294967295"}},
+             {1, {}, {"Failed to get param at index 0.\n", failed1}, {}},
+             {1,
+              {Value(big), Value(big), Value(big), Value(kBlob)},
+              {"Failed to get param at index 0.\n", failed1},
+              {}},
+             {1, {Value(7u)}, {"Failed to get param at index 1.\n", failed1}, {}},
+             {1, {Value(7u), Value(8u), Value(big), Value(kBlob)}, {"Failed to get param at index 1.\n", failed1}, {}},
+             {1, {Value(7u), Value(big)}, {"Failed to get param at index 2.\n", failed1}, {}},
+             {1, {Value(7u), Value(big), Value(kBlob), Value(big)}, {"Failed to get param at index 2.\n", failed1}, {}},
+             {1, {Value(7u), Value(big), Value(big)}, {"Failed to get param at index 3.\n", failed1}, {}},
+             {1, {Value(7u), Value(big), Value(big), Value("x")}, {"Failed to get param at index 3.\n", failed1}, {}},
+             {2, {Value("id"), Value(kBlob)}, {"Failed to parse message: 2.\n"}, {}},
+             {3, {Value(kBlob)}, {"Unknown command [3].\n", "Failed to instantiate the QSCServiceCommand.\n"}, {}},
+             {4000000000u,
+              {},
+              {"Unknown command [4000000000].\n", "Failed to instantiate the QSCServiceCommand.\n"},
+              {}},
+         }) {
+        SCOPED_TRACE(testing::Message() << "command " << c.command << " with " << c.params.size() << " parameters "
+                                        << (c.params.empty() ? "" : c.params[0].text));
+        Check(c);
+    }
+}
+
+TEST_F(AgentMessages, LogTheFilterStatusAndTheMissingOperations) {
+    StartReady();
+    service.Deliver(kData, 0, {Value("Filter"), Value(kBlob)});
+    service.Deliver(kData, 0, {Value("UnFilter"), Value(kBlob)});
+    service.Deliver(kData, 2, {});
+    Texts lines;
+    for (const std::string& text : log.Texts(kLogInfo)) {
+        if (text.find("status from agent") != text.npos || text.find("not implemented") != text.npos)
+            lines.push_back(text);
+    }
+    EXPECT_EQ(lines, (Texts{"The filter status from agent is enabled.\n", "The filter status from agent is disabled.\n",
+                            "The method ParseRequest is not implemented.\n"}));
+}
+
+TEST_F(AgentMessages, ReachTheDaemonWithAllTheirBytes) {
+    StartReady();
+    const std::string bytes(kBlob.begin(), kBlob.end());
+    service.Deliver(kData, 0, {Value("HIDOptOperation"), Value(kBlob)});
+    EXPECT_EQ(FakeUsbd::Calls().back().bytes, bytes);
+    service.Deliver(kData, 1, {Value(7u), Value(uint64_t{8}), Value(uint64_t{9}), Value(kBlob)});
+    EXPECT_EQ(FakeUsbd::Calls().back().bytes, bytes);
+}
+
+// Tables over one message whose answers the test sets: what the service's model never does.
+struct Misbehaving {
+    static inline uint32_t command;
+    static inline int appendsLeft;  // appends that succeed
+    static inline bool initWorks;
+    static inline QSC_RPC_VARIANT param;
+
+    static QSCRPC_ChannelContextInterface Context() {
+        QSCRPC_ChannelContextInterface table{};
+        table.GetCommand = [](void*) { return command; };
+        table.SetCommand = [](void*, uint32_t) -> Bool { return FALSE; };
+        table.GetParamCount = [](void*) { return 4; };
+        table.AppendParam = [](void*, const QSC_RPC_VARIANT*) -> Bool { return appendsLeft-- > 0 ? TRUE : FALSE; };
+        table.GetParam = [](void*, int, QSC_RPC_VARIANT* value) -> Bool {
+            *value = param;
+            return TRUE;
+        };
+        table.GetReturnValCount = [](void*) { return 2; };
+        table.GetReturnVal = table.GetParam;
+        return table;
+    }
+    static QSCRPC_VariantInterface Variant() {
+        QSCRPC_VariantInterface table{};
+        table.VariantInit = [](QSC_RPC_VARIANT* variant) -> Bool {
+            variant->vt = initWorks ? 0 : QSC_VT_LPSTR;
+            return initWorks;
+        };
+        table.VariantClear = [](QSC_RPC_VARIANT*) -> Bool { return initWorks; };
+        table.VariantFromString = [](QSC_RPC_VARIANT*, const char*) -> Bool { return TRUE; };
+        table.VariantFromBlob = [](QSC_RPC_VARIANT*, const QSC_RPC_BLOB*) -> Bool { return TRUE; };
+        return table;
+    }
+};
+
+class UsbCommands : public testing::Test {
+protected:
+    void SetUp() override {
+        FakeUsbd::Reset();
+        Misbehaving::command = 0;
+        Misbehaving::appendsLeft = 0;
+        Misbehaving::initWorks = true;
+        Misbehaving::param = {};
+    }
+
+    std::unique_ptr<UsbQSCServiceCommand> Make(uint32_t command) {
+        return std::unique_ptr<UsbQSCServiceCommand>(
+            UsbClientCommandFactory().GetUsbCommand(command, &context, &variant, this));
+    }
+
+    const QSCRPC_ChannelContextInterface context = Misbehaving::Context();
+    const QSCRPC_VariantInterface variant = Misbehaving::Variant();
+    LogCapture log;
+};
+
+TEST_F(UsbCommands, NameTheParameterThatCouldNotBeAdded) {
+    const std::vector<std::string> errors[] = {
+        {"Failed to add message type.\n", "Failed to add message content.\n"},
+        {"Failed to add message content.\n"},
+        {"Failed to add message type.\n", "Failed to add message Id.\n", "Failed to add message content.\n"},
+    };
+    for (uint32_t number = 0; number < 3; ++number) {
+        const int params = static_cast<int>(errors[number].size());
+        for (int works = 0; works <= params; ++works) {
+            SCOPED_TRACE(testing::Message() << number << " " << works);
+            log.Clear();
+            Misbehaving::appendsLeft = works;
+            const auto command = Make(number);
+            EXPECT_EQ(command->CreateRequest(), works == params ? this : nullptr);
+            std::vector<std::string> expected;
+            if (works < params) expected.push_back(errors[number][static_cast<size_t>(works)]);
+            EXPECT_EQ(log.Texts(kLogError), expected);
+        }
+    }
+    EXPECT_TRUE(log.Lines().size() > 0);
+}
+
+TEST_F(UsbCommands, RefuseAMessageOfAnotherNumber) {
+    for (uint32_t number = 0; number < 3; ++number) {
+        log.Clear();
+        Misbehaving::command = 77;
+        const auto command = Make(number);
+        EXPECT_FALSE(number == 2 ? command->ParseResponse() : command->ParseRequest());
+        EXPECT_EQ(log.Texts(kLogError), std::vector<std::string>{"Unexpected command received: 77.\n"});
+    }
+}
+
+TEST_F(UsbCommands, TakeNoValueWithoutContentFromTheService) {
+    struct Case {
+        const char* what;
+        bool initWorks;
+        uint16_t vt;
+    };
+    for (const Case& c :
+         {Case{"string without text", true, QSC_VT_LPSTR}, {"variant not initialised", false, QSC_VT_LPSTR}}) {
+        SCOPED_TRACE(c.what);
+        log.Clear();
+        Misbehaving::initWorks = c.initWorks;
+        Misbehaving::param.vt = c.vt;
+        EXPECT_FALSE(Make(0)->ParseRequest());
+        EXPECT_EQ(log.Texts(kLogError), std::vector<std::string>{"Failed to get message type at index 0.\n"});
+    }
+    EXPECT_TRUE(FakeUsbd::Texts().empty());
+}
+
+TEST_F(UsbCommands, SayWhichOperationsTheyLack) {
+    struct Case {
+        uint32_t command;
+        void (*call)(UsbQSCServiceCommand&);
+        const char* line;
+    };
+    for (const Case& c :
+         {Case{0, [](UsbQSCServiceCommand& m) { EXPECT_FALSE(m.CreateResponse()); },
+               "The method CreateResponse is not implemented.\n"},
+          {1, [](UsbQSCServiceCommand& m) { EXPECT_FALSE(m.ParseResponse()); },
+           "The method ParseResponse is not implemented.\n"},
+          {2, [](UsbQSCServiceCommand& m) { EXPECT_FALSE(m.ParseRequest()); },
+           "The method ParseRequest is not implemented.\n"},
+          {2, [](UsbQSCServiceCommand& m) { EXPECT_EQ(m.UsbQSCServiceCommand::CreateRequest(), nullptr); },
+           "The method CreateRequest is not implemented.\n"}}) {
+        log.Clear();
+        c.call(*Make(c.command));
+        EXPECT_TRUE(log.Has(kLogInfo, c.line)) << c.line;
+    }
+}
+
+TEST_F(UsbCommands, TellTheFilterTypesApart) {
+    UsbPostMsgClientCommand command(&context, &variant, this);
+    EXPECT_EQ(command.GetFilterMsgType("FILTER"), FilterMsgType::Filter);
+    EXPECT_EQ(command.GetFilterMsgType("UnFilter"), FilterMsgType::UnFilter);
+    EXPECT_TRUE(log.Texts(kLogError).empty());
+    EXPECT_EQ(command.GetFilterMsgType("UemIsReady"), FilterMsgType::None);
+    EXPECT_EQ(command.GetFilterMsgType(nullptr), FilterMsgType::None);
+    EXPECT_EQ(log.Texts(kLogError), (std::vector<std::string>{"Unsupported filter msg type(UemIsReady) from agent.\n",
+                                                              "Unsupported filter msg type() from agent.\n"}));
+}
+
+}  // namespace
