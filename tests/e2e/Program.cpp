@@ -1,0 +1,122 @@
+#include "tests/e2e/Program.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr auto kRunLimit = std::chrono::seconds(60);
+constexpr int kLookAgainMS = 2;
+
+// The fields of /proc/<pid>/stat behind the name, which may hold blanks.
+struct ProcessState {
+    std::string name;
+    pid_t parent = -1;
+    uint64_t ticks = 0;
+};
+
+ProcessState ReadState(const std::string& processFolder) {
+    std::ifstream file(processFolder + "/stat");
+    std::string text((std::istreambuf_iterator<char>(file)), {});
+    const size_t open = text.find('('), close = text.rfind(')');
+    ProcessState state;
+    if (open == std::string::npos || close == std::string::npos) return state;
+    state.name = text.substr(open + 1, close - open - 1);
+    std::istringstream fields(text.substr(close + 1));
+    std::string skipped;
+    fields >> skipped >> state.parent;
+    for (int field = 0; field < 9; field++) fields >> skipped;
+    uint64_t user = 0, system = 0;
+    fields >> user >> system;
+    state.ticks = user + system;
+    return state;
+}
+
+pid_t FindChild(pid_t parent, const std::string& name, uint64_t minTicks) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string number = entry.path().filename();
+        if (number.find_first_not_of("0123456789") != std::string::npos) continue;
+        const ProcessState state = ReadState(entry.path());
+        if (state.parent == parent && state.name == name && state.ticks >= minTicks) return std::stoi(number);
+    }
+    return -1;
+}
+
+}  // namespace
+
+Program::Program(const std::string& name, const std::vector<std::string>& args) {
+    int outPipe[2], errPipe[2];
+    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return;
+    const std::string path = std::string(BUILD_FOLDER) + "/bin/" + name;
+    std::vector<char*> argv = {const_cast<char*>(path.c_str())};
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
+    if (posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    close(outPipe[1]);
+    close(errPipe[1]);
+    out = outPipe[0];
+    err = errPipe[0];
+}
+
+Program::~Program() {
+    if (pid > 0) {
+        kill(pid, SIGKILL);
+        waitpid(pid, nullptr, 0);
+    }
+    if (out >= 0) close(out);
+    if (err >= 0) close(err);
+}
+
+pid_t Program::WaitForChild(const std::string& name, uint64_t minTicks) const {
+    for (const auto deadline = Clock::now() + kRunLimit; Clock::now() < deadline; poll(nullptr, 0, kLookAgainMS)) {
+        const pid_t child = FindChild(pid, name, minTicks);
+        if (child > 0) return child;
+    }
+    return -1;
+}
+
+ProgramResult Program::Finish() {
+    ProgramResult result;
+    if (pid <= 0) return result;
+    const auto deadline = Clock::now() + kRunLimit;
+    std::array<pollfd, 2> streams = {{{out, POLLIN, 0}, {err, POLLIN, 0}}};
+    while (streams[0].fd >= 0 || streams[1].fd >= 0) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        if (left <= 0 || poll(streams.data(), streams.size(), static_cast<int>(left)) <= 0) {
+            result.err += "(did not end in time)";
+            return result;
+        }
+        for (pollfd& stream : streams) {
+            if (!stream.revents) continue;
+            std::array<char, 4096> buffer;
+            const ssize_t got = read(stream.fd, buffer.data(), buffer.size());
+            if (got <= 0)
+                stream.fd = -1;
+            else
+                (&stream == &streams[0] ? result.out : result.err).append(buffer.data(), static_cast<size_t>(got));
+        }
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    pid = -1;
+    if (WIFEXITED(status)) result.status = WEXITSTATUS(status);
+    return result;
+}

@@ -1,0 +1,47 @@
+// Runs the programs of the build as a person would, for tests.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+struct ProgramResult {
+    int status = -1;  // exit status; -1 if a signal or the time-out ended it
+    std::string out, err;
+
+    // Standard output as the one JSON object that it has to be; a null value if it is anything else.
+    nlohmann::json Json() const { return nlohmann::json::parse(out, nullptr, false); }
+};
+
+// A program of <build>/bin under way.
+class Program {
+public:
+    Program(const std::string& name, const std::vector<std::string>& args);
+    Program(const Program&) = delete;
+    Program& operator=(const Program&) = delete;
+    ~Program();  // kills what still runs
+
+    pid_t Pid() const { return pid; }
+
+    // Waits until there is a child process of that name. Its process number, or -1 if there is none in time.
+    pid_t WaitForChild(const std::string& name) const { return WaitForChild(name, 0); }
+
+    // Waits until a child process of that name has used processor time, so that work is under way.
+    pid_t WaitForBusyChild(const std::string& name) const { return WaitForChild(name, 1); }
+
+    // Collects the output until the program ends.
+    ProgramResult Finish();
+
+private:
+    pid_t WaitForChild(const std::string& name, uint64_t minTicks) const;
+
+    pid_t pid = -1;
+    int out = -1, err = -1;
+};
+
+inline ProgramResult RunProgram(const std::string& name, const std::vector<std::string>& args) {
+    return Program(name, args).Finish();
+}

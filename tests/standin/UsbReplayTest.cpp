@@ -1,0 +1,611 @@
+// The replaying daemon behind its boundary, with a plug-in made for the test that sends everything straight back.
+#include "standin/usbd/UsbdReplay.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <map>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "tests/support/UsbImage.h"
+
+namespace {
+
+using usbimage::Bytes;
+using usbimage::CaptureOf;
+using usbimage::TransferOf;
+using enum UsbTransferType;
+
+constexpr DWORD kLongMS = 30000;  // for what has to come
+constexpr DWORD kGlanceMS = 50;   // for what must not come
+constexpr uint64_t kSampleDevices = 3;
+
+struct Sent {
+    char kind;  // 'p'ost, 'f'ast, 'h'id, 'a'sync
+    std::string type;
+    std::string content;
+    std::string id;
+    Usbd_AsyncFinalRespCb callback = nullptr;
+    void* context = nullptr;
+};
+
+void ReturnFast(const std::string& content) {
+    Usbd_PostMsgToUsbdPoll(content.data(), static_cast<uint32_t>(content.size()), kUsbmonHeaderSize,
+                           static_cast<uint32_t>(content.size()) - kUsbmonHeaderSize);
+}
+
+void Respond(const Sent& message, const std::string& response) {
+    Usbd_SendAsyncMsgRespCb(message.callback, message.context, 0, response.data(),
+                            static_cast<uint32_t>(response.size()));
+}
+
+// What a plug-in and an agent without fault do: accept the message and send it back at once.
+bool Return(const Sent& message) {
+    switch (message.kind) {
+        case 'f':
+            ReturnFast(message.content);
+            break;
+        case 'h':
+            Usbd_PostHIDOptOperationMsg(message.content.data(), message.content.size());
+            break;
+        case 'a':
+            Respond(message, kUsbResponsePrefix + message.content);
+            break;
+    }
+    return true;
+}
+
+// Stands where the plug-in does: registers its callbacks, lends a thread to StartUsbd, and stops the daemon when it
+// goes.
+class Plugin {
+public:
+    explicit Plugin(std::function<bool(const Sent&)> onMessage = Return) : handle(std::move(onMessage)) {
+        current = this;
+        SetUsbdInitDoneNotifCb([](UsbdInitResult result) { current->OnInitDone(result); });
+        Usbd_SetPostMsgCb([](const char* type, size_t size, const char* data) {
+            current->OnMessage({'p', type, std::string(data, size), {}});
+        });
+        Usbd_SetPostMsgFastCb([](size_t size, const unsigned char* data) {
+            return current->OnMessage({'f', {}, Text(data, size), {}});
+        });
+        Usbd_SetPostHIDOptMsgFastCb([](size_t size, const unsigned char* data) {
+            return current->OnMessage({'h', {}, Text(data, size), {}});
+        });
+        Usbd_SetSendAsyncMsgCb([](const char* type, size_t size, const char* data, Usbd_AsyncFinalRespCb callback,
+                                  void* context, const char* id) -> void* {
+            current->OnMessage({'a', type, std::string(data, size), id, callback, context});
+            return nullptr;
+        });
+    }
+
+    ~Plugin() {
+        if (thread.joinable()) Stop();
+    }
+
+    void Start(std::string enabled = "TRUE") {
+        thread = std::thread([this, enabled]() mutable {
+            char name[] = "velmora-client-usbd", pid[] = "pid@1";
+            char* arguments[] = {name, enabled.data(), pid, nullptr};
+            result = StartUsbd(3, arguments);
+        });
+    }
+
+    int Stop() {
+        StopUsbd(1);
+        return Join();
+    }
+
+    int Join() {
+        thread.join();
+        return result;
+    }
+
+    std::vector<Sent> Messages() {
+        std::lock_guard guard(lock);
+        return messages;
+    }
+
+    size_t Count() {
+        std::lock_guard guard(lock);
+        return messages.size();
+    }
+
+    UsbdInitResult WaitInitDone() { return initDone.get_future().get(); }
+
+private:
+    static std::string Text(const unsigned char* data, size_t size) {
+        return std::string(reinterpret_cast<const char*>(data), size);
+    }
+
+    void OnInitDone(UsbdInitResult initResult) { initDone.set_value(initResult); }
+
+    bool OnMessage(Sent message) {
+        {
+            std::lock_guard guard(lock);
+            messages.push_back(message);
+        }
+        return handle(message);
+    }
+
+    static inline Plugin* current = nullptr;
+    const std::function<bool(const Sent&)> handle;
+    std::promise<UsbdInitResult> initDone;
+    std::mutex lock;  // guards messages
+    std::vector<Sent> messages;
+    std::thread thread;
+    int result = 0;
+};
+
+void Configure(UsbReplayPlan plan) {
+    std::string error;
+    ASSERT_TRUE(UsbdReplay_Configure(std::move(plan), &error)) << error;
+    UsbdReplay_SetChannelUp(false);
+}
+
+UsbReplayPlan PlanOf(std::vector<UsbCapture> captures) {
+    UsbReplayPlan plan;
+    plan.captures = std::move(captures);
+    return plan;
+}
+
+UsbReplayPlan SamplePlan() {
+    std::string error;
+    const auto capture = UsbCapture::Read(SOURCE_FOLDER "/captures/sample.pcap", &error);
+    EXPECT_TRUE(capture) << error;
+    return PlanOf({capture.value_or(UsbCapture())});
+}
+
+std::vector<UsbRecord> BulkTransfers(uint64_t number) {
+    std::vector<UsbRecord> records;
+    for (uint64_t id = 1; id <= number; ++id) records.push_back(TransferOf(kBulk, id, {}, 16));
+    return records;
+}
+
+TEST(UsbReplay, SendsEachRecordOnceAndAccountsForWhatComesBack) {
+    UsbReplayPlan plan = SamplePlan();
+    const UsbCapture capture = plan.captures[0];
+    Configure(std::move(plan));
+    Plugin plugin;
+    plugin.Start();
+    EXPECT_EQ(plugin.WaitInitDone(), 0);
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    ASSERT_TRUE(UsbdReplay_WaitAllReturned(kLongMS));
+    EXPECT_TRUE(UsbdReplay_WaitReturned(30 + 12 + 12 + kSampleDevices, 0));
+    EXPECT_FALSE(UsbdReplay_WaitReturned(30 + 12 + 12 + kSampleDevices + 1, 0));
+
+    const std::vector<Sent> messages = plugin.Messages();
+    ASSERT_EQ(messages.size(), capture.Records().size() + kSampleDevices);
+    uint64_t bytes = 0, controlBytes = 0;
+    for (size_t i = 0; i < messages.size(); ++i) {
+        const Sent& message = messages[i];
+        bytes += message.content.size();
+        if (i < kSampleDevices) {
+            EXPECT_EQ(message.type, "IsUsbAvailable");
+            EXPECT_EQ(message.content, "capture 1 bus 1 device " + std::to_string(i + 2) + " message " + message.id);
+            continue;
+        }
+        const UsbRecord& record = capture.Records()[i - kSampleDevices];
+        EXPECT_EQ(message.kind, record.type == kControl ? 'p' : record.type == kInterrupt ? 'h' : 'f');
+        if (message.kind == 'p') {
+            EXPECT_EQ(message.type, "UsbControlTransfer");
+            controlBytes += message.content.size();
+        } else {
+            EXPECT_EQ(message.content.size(), kUsbmonHeaderSize + record.FullPayloadSize());
+        }
+    }
+    const UsbReplayCounters counters = UsbdReplay_GetCounters();
+    EXPECT_EQ(counters.sent.post, 18u);
+    EXPECT_EQ(counters.sent.fast, 30u + 12u);
+    EXPECT_EQ(counters.sent.hid, 12u);
+    EXPECT_EQ(counters.sent.async, kSampleDevices);
+    EXPECT_EQ(counters.sent.bytes, bytes);
+    EXPECT_EQ(counters.returned.post, 0u);
+    EXPECT_EQ(counters.returned.fast, counters.sent.fast);
+    EXPECT_EQ(counters.returned.hid, counters.sent.hid);
+    EXPECT_EQ(counters.returned.async, counters.sent.async);
+    EXPECT_EQ(counters.returned.bytes, bytes - controlBytes + kSampleDevices * strlen(kUsbResponsePrefix));
+    EXPECT_EQ(counters.refused.Messages() + counters.mismatched + counters.outstanding, 0u) << counters.firstMismatch;
+    EXPECT_EQ(counters.fastLatency.samples, counters.sent.fast);
+    EXPECT_EQ(counters.hidLatency.samples, counters.sent.hid);
+    EXPECT_TRUE(counters.sendingDone);
+    EXPECT_EQ(counters.channelUps, 1u);
+    EXPECT_EQ(plugin.Stop(), 0);
+}
+
+struct WrongReturn {
+    const char* what;
+    std::function<bool(const Sent&)> answer;  // to the one fast post, HID post or asynchronous message of that kind
+    char kind;
+    const char* mismatch;  // how the text begins
+    uint64_t outstanding;
+};
+
+TEST(UsbReplay, NoticesEveryWayInWhichAReturnCanBeWrong) {
+    const auto fast = [](uint32_t header, int32_t trailer) {
+        return [header, trailer](const Sent& m) {
+            Usbd_PostMsgToUsbdPoll(m.content.data(), static_cast<uint32_t>(m.content.size()), header,
+                                   static_cast<uint32_t>(trailer));
+            return true;
+        };
+    };
+    const auto changed = [](size_t at) {
+        return [at](const Sent& m) {
+            Sent other = m;
+            other.content[at] ^= 1;
+            return Return(other);
+        };
+    };
+    const auto foreign = reinterpret_cast<Usbd_AsyncFinalRespCb>(&ReturnFast);
+    const std::vector<WrongReturn> cases = {
+        {"header length", fast(63, 300), 'f', "fast post: header length 63", 1},
+        {"trailer", fast(64, 299), 'f', "fast post of 364 bytes: trailer 299", 1},
+        {"first byte", changed(0), 'f', "fast post of 364 bytes: never sent", 1},
+        {"last byte", changed(363), 'f', "fast post of 364 bytes: never sent", 1},
+        {"shorter than a header",
+         [](const Sent& m) {
+             Usbd_PostMsgToUsbdPoll(m.content.data(), 63, 64, static_cast<uint32_t>(-1));
+             return true;
+         },
+         'f', "fast post of 63 bytes: trailer 4294967295", 1},
+        {"twice", [](const Sent& m) { return Return(m) && Return(m); }, 'f',
+         "fast post of 364 bytes: came back more often than it was sent", 0},
+        {"refused and yet sent", [](const Sent& m) { return !Return(m); }, 'f',
+         "fast post of 364 bytes: came back although it was refused", 0},
+        {"as HID post",
+         [](const Sent& m) {
+             Usbd_PostHIDOptOperationMsg(m.content.data(), m.content.size());
+             return true;
+         },
+         'f', "HID post of 364 bytes: never sent", 1},
+        {"HID as fast post",
+         [](const Sent& m) {
+             ReturnFast(m.content);
+             return true;
+         },
+         'h', "fast post of 72 bytes: never sent", 1},
+        {"empty HID post",
+         [](const Sent&) {
+             Usbd_PostHIDOptOperationMsg("", 0);
+             return true;
+         },
+         'h', "HID post of 0 bytes: never sent", 1},
+        {"no prefix",
+         [](const Sent& m) {
+             Respond(m, m.content);
+             return true;
+         },
+         'a', "final response: capture 1 bus 1 device 2 message usb-", 1},
+        {"other response",
+         [](const Sent& m) {
+             Respond(m, kUsbResponsePrefix + m.content + "x");
+             return true;
+         },
+         'a', "final response: response:capture 1", 1},
+        {"empty response",
+         [](const Sent& m) {
+             Respond(m, "");
+             return true;
+         },
+         'a', "final response:  in response to capture 1", 1},
+        {"response twice", [](const Sent& m) { return Return(m) && Return(m); }, 'a', "final response: unknown context",
+         0},
+        {"status",
+         [](const Sent& m) {
+             Usbd_SendAsyncMsgRespCb(m.callback, m.context, 1, "", 0);
+             return true;
+         },
+         'a', "final response: status 1", 1},
+        {"context",
+         [](const Sent& m) {
+             Sent other = m;
+             other.context = &other;
+             return Return(other);
+         },
+         'a', "final response: unknown context", 1},
+        {"callback",
+         [foreign](const Sent& m) {
+             Usbd_SendAsyncMsgRespCb(foreign, m.context, 0, "", 0);
+             return true;
+         },
+         'a', "final response: foreign callback", 1},
+    };
+    const Bytes report(8, 1);
+    const UsbCapture capture = CaptureOf({TransferOf(kInterrupt, 1, report), TransferOf(kBulk, 2, report, 300)});
+    for (const WrongReturn& c : cases) {
+        SCOPED_TRACE(c.what);
+        Configure(PlanOf({capture}));
+        Plugin plugin([&c](const Sent& m) { return m.kind == c.kind ? c.answer(m) : Return(m); });
+        plugin.Start();
+        Usbd_NotifyUsbVirtualChannelAvailable();
+        ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+        plugin.Stop();
+        const UsbReplayCounters counters = UsbdReplay_GetCounters();
+        EXPECT_EQ(counters.mismatched, 1u);
+        EXPECT_EQ(counters.firstMismatch.substr(0, strlen(c.mismatch)), c.mismatch) << counters.firstMismatch;
+        EXPECT_EQ(counters.outstanding, c.outstanding);
+        EXPECT_EQ(UsbdReplay_WaitAllReturned(0), c.outstanding == 0);
+    }
+}
+
+TEST(UsbReplay, PausesAfterARefusalUntilTheChannelIsAvailableAgain) {
+    for (const UsbTransferType type : {kBulk, kInterrupt}) {
+        std::vector<UsbRecord> records;
+        for (uint64_t id = 1; id <= 4; ++id) records.push_back(TransferOf(type, id, {}));
+        Configure(PlanOf({CaptureOf(records)}));
+        int number = 0;
+        std::promise<void> refusing;
+        Plugin plugin([&](const Sent& m) {
+            if (m.kind == 'a' || ++number != 2) return Return(m);
+            refusing.set_value();
+            return false;
+        });
+        plugin.Start();
+        EXPECT_FALSE(UsbdReplay_WaitSent(kGlanceMS)) << "the channel isn't up yet";
+        EXPECT_EQ(plugin.Count(), 0u);
+
+        Usbd_NotifyUsbVirtualChannelAvailable();
+        refusing.get_future().wait();
+        EXPECT_FALSE(UsbdReplay_WaitSent(kGlanceMS));
+        EXPECT_EQ(plugin.Count(), 3u) << "announcement, accepted and refused message";
+
+        Usbd_NotifyUsbVirtualChannelAvailable();
+        ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+        EXPECT_TRUE(UsbdReplay_WaitAllReturned(kLongMS));
+        plugin.Stop();
+        const UsbReplayCounters counters = UsbdReplay_GetCounters();
+        EXPECT_EQ((type == kBulk ? counters.refused.fast : counters.refused.hid), 1u);
+        EXPECT_EQ(counters.refused.Messages(), 1u);
+        EXPECT_EQ(counters.refused.bytes, kUsbmonHeaderSize);
+        EXPECT_EQ(counters.sent.Messages(), 5u);
+        EXPECT_EQ(counters.outstanding, 0u);
+    }
+}
+
+TEST(UsbReplay, ARefusalThatTheChannelHasOvertakenIsNoReasonToPause) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(20))}));
+    Plugin plugin([](const Sent& m) {
+        if (m.kind == 'a') return Return(m);
+        Usbd_NotifyUsbVirtualChannelAvailable();
+        return false;
+    });
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    EXPECT_TRUE(UsbdReplay_WaitAllReturned(kLongMS));
+    plugin.Stop();
+    EXPECT_EQ(UsbdReplay_GetCounters().refused.fast, 20u);
+    EXPECT_EQ(UsbdReplay_GetCounters().channelUps, 21u);
+}
+
+TEST(UsbReplay, SeveralThreadsSendEachRecordOfEachPassOnce) {
+    constexpr uint64_t kLoops = 25;
+    UsbReplayPlan plan = SamplePlan();
+    plan.loops = kLoops;
+    plan.threads = 4;
+    const UsbCapture capture = plan.captures[0];
+    Configure(std::move(plan));
+    std::mutex lock;
+    std::set<std::thread::id> threads;
+    Plugin plugin([&](const Sent& m) {
+        std::lock_guard guard(lock);
+        threads.insert(std::this_thread::get_id());
+        return Return(m);
+    });
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    ASSERT_TRUE(UsbdReplay_WaitAllReturned(kLongMS));
+    EXPECT_EQ(plugin.Stop(), 0);
+
+    std::map<std::string, uint64_t> timesSent;
+    std::set<std::string> ids;
+    for (const Sent& message : plugin.Messages())
+        message.kind == 'a' ? void(ids.insert(message.id)) : void(++timesSent[message.content]);
+    EXPECT_EQ(ids.size(), kLoops * kSampleDevices);
+    EXPECT_EQ(timesSent.size(), capture.Records().size());
+    for (const auto& [content, times] : timesSent) EXPECT_EQ(times, kLoops);
+    EXPECT_LE(threads.size(), 4u);
+    const UsbReplayCounters counters = UsbdReplay_GetCounters();
+    EXPECT_EQ(counters.sent.Messages(), kLoops * (capture.Records().size() + kSampleDevices));
+    EXPECT_EQ(counters.returned.Messages() + counters.sent.post, counters.sent.Messages());
+    EXPECT_EQ(counters.mismatched, 0u) << counters.firstMismatch;
+}
+
+TEST(UsbReplay, CallsTheHookAfterEachIntervalByOneThreadAtATime) {
+    constexpr uint64_t kInterval = 7;
+    UsbReplayPlan plan = PlanOf({CaptureOf(BulkTransfers(30))});
+    plan.loops = 20;
+    plan.threads = 3;
+    plan.hookInterval = kInterval;
+    std::atomic<bool> inside{false};
+    std::vector<uint64_t> numbers;
+    plan.onMessages = [&](uint64_t messages) {
+        EXPECT_FALSE(inside.exchange(true));
+        // The others go on meanwhile, so that more calls become due during this one.
+        EXPECT_TRUE(!numbers.empty() || UsbdReplay_WaitReturned(4 * kInterval, kLongMS));
+        numbers.push_back(messages);
+        inside = false;
+    };
+    Configure(std::move(plan));
+    Plugin plugin;
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    plugin.Stop();
+    ASSERT_EQ(numbers.size(), UsbdReplay_GetCounters().sent.Messages() / kInterval);
+    for (size_t i = 0; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], (i + 1) * kInterval);
+}
+
+TEST(UsbReplay, GoesOnWithoutEndUntilTheHookStopsIt) {
+    UsbReplayPlan plan = PlanOf({CaptureOf(BulkTransfers(3))});
+    plan.loops = 0;
+    plan.hookInterval = 100;
+    plan.onMessages = [](uint64_t) { StopUsbd(1); };
+    Configure(std::move(plan));
+    Plugin plugin;
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    EXPECT_EQ(plugin.Join(), 0);
+    EXPECT_TRUE(UsbdReplay_WaitStopped(0));
+    EXPECT_EQ(plugin.Count(), 100u);
+    EXPECT_FALSE(UsbdReplay_GetCounters().sendingDone);
+    EXPECT_FALSE(UsbdReplay_WaitSent(0));
+}
+
+std::vector<UsbRecord> SpacedTransfers(std::initializer_list<int64_t> us) {
+    std::vector<UsbRecord> records;
+    for (const int64_t at : us) {
+        records.push_back(TransferOf(kBulk, records.size() + 1, {}));
+        records.back().timestampUs = 1700000000000000 + at;
+    }
+    return records;
+}
+
+TEST(UsbReplay, ATimedReplayKeepsThePaceOfTheCapture) {
+    UsbReplayPlan plan = PlanOf({CaptureOf(SpacedTransfers({0, 1500, 1500, 4000000}))});
+    plan.timed = true;
+    plan.loops = 2;
+    std::vector<int64_t> waited;
+    plan.waitUntil = [&waited](int64_t us) { waited.push_back(us); };
+    Configure(std::move(plan));
+    Plugin plugin;
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    plugin.Stop();
+    EXPECT_EQ(waited, (std::vector<int64_t>{0, 1500, 1500, 4000000, 4000000, 4001500, 4001500, 8000000}));
+}
+
+TEST(UsbReplay, AStopCutsThePauseOfATimedReplayShort) {
+    constexpr int64_t kHourUs = 3600ll * 1000000;
+    UsbReplayPlan plan = PlanOf({CaptureOf(SpacedTransfers({0, kHourUs}))});
+    plan.timed = true;
+    Configure(std::move(plan));
+    Plugin plugin;
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitReturned(2, kLongMS));
+    EXPECT_EQ(plugin.Stop(), 0);
+    EXPECT_EQ(plugin.Count(), 2u);
+}
+
+TEST(UsbReplay, ReportsItsInitialisationAndSendsOnlyOverTheVirtualChannel) {
+    struct {
+        UsbdInitResult initResult;
+        const char* enabled;
+        bool sends;
+    } const cases[] = {{0, "TRUE", true},    {0, "true", true}, {0, "TrUe", true}, {0, "FALSE", false},
+                       {0, "TRUEST", false}, {0, "", false},    {7, "TRUE", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.enabled) + " " + std::to_string(c.initResult));
+        UsbReplayPlan plan = PlanOf({CaptureOf(BulkTransfers(2))});
+        plan.initResult = c.initResult;
+        Configure(std::move(plan));
+        Plugin plugin;
+        plugin.Start(c.enabled);
+        EXPECT_EQ(plugin.WaitInitDone(), c.initResult);
+        Usbd_NotifyUsbVirtualChannelAvailable();
+        EXPECT_EQ(UsbdReplay_WaitSent(c.sends ? kLongMS : 0), c.sends);
+        EXPECT_FALSE(UsbdReplay_WaitStopped(0)) << "StartUsbd lasts until the stop";
+        EXPECT_EQ(plugin.Stop(), 0);
+        EXPECT_EQ(plugin.Count(), c.sends ? 3u : 0u);
+    }
+}
+
+TEST(UsbReplay, StartsAgainAfterAStopAndCountsOn) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(5))}));
+    for (uint64_t run = 1; run <= 3; ++run) {
+        Plugin plugin;
+        plugin.Start();
+        EXPECT_EQ(plugin.WaitInitDone(), 0);
+        Usbd_NotifyUsbVirtualChannelAvailable();
+        ASSERT_TRUE(UsbdReplay_WaitReturned(run * 6, kLongMS));
+        plugin.Stop();
+        EXPECT_EQ(plugin.Count(), 6u);
+        EXPECT_EQ(UsbdReplay_GetCounters().sent.Messages(), run * 6);
+    }
+}
+
+TEST(UsbReplay, AStopAheadOfTheStartEndsItAtOnceAndOnce) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(1))}));
+    StopUsbd(0);
+    Plugin stopped;
+    stopped.Start();
+    EXPECT_EQ(stopped.Join(), 0);
+    EXPECT_EQ(UsbdReplay_GetCounters().sent.Messages(), 0u);
+
+    Plugin plugin;
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    EXPECT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    EXPECT_EQ(plugin.Stop(), 0);
+}
+
+TEST(UsbReplay, RunsOnceAtATimeAndKeepsItsPlanMeanwhile) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(1))}));
+    Plugin plugin;
+    plugin.Start();
+    plugin.WaitInitDone();
+    EXPECT_NE(StartUsbd(0, nullptr), 0);
+    std::string error;
+    EXPECT_FALSE(UsbdReplay_Configure(PlanOf({CaptureOf(BulkTransfers(9))}), &error));
+    EXPECT_EQ(error, "the daemon is running");
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    plugin.Stop();
+
+    EXPECT_FALSE(UsbdReplay_Configure(PlanOf({CaptureOf({})}), &error));
+    EXPECT_EQ(error, "the captures have no record");
+    EXPECT_FALSE(UsbdReplay_Configure(PlanOf({}), nullptr));
+    EXPECT_EQ(UsbdReplay_GetCounters().sent.fast, 1u) << "a refused plan leaves the former one";
+}
+
+// A message may be lost in a fall of the channel, and its equal sent later: their time would be the length of the fall.
+TEST(UsbReplay, TimesNothingAcrossAFallOfTheChannel) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(1))}));
+    Plugin plugin([](const Sent&) { return true; });
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    plugin.Stop();
+    EXPECT_FALSE(UsbdReplay_WaitAllReturned(0));
+    EXPECT_EQ(UsbdReplay_GetCounters().outstanding, 2u);
+
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    for (const Sent& message : plugin.Messages()) Return(message);
+    EXPECT_TRUE(UsbdReplay_WaitAllReturned(0)) << "what returns late still counts";
+    EXPECT_EQ(UsbdReplay_GetCounters().fastLatency.samples, 0u);
+    EXPECT_EQ(UsbdReplay_GetCounters().returned.fast, 1u);
+}
+
+TEST(UsbReplay, WaitersHearOfReturnsAsTheyCome) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(50))}));
+    Plugin plugin([](const Sent&) { return true; });
+    plugin.Start();
+    Usbd_NotifyUsbVirtualChannelAvailable();
+    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
+    auto all = std::async(std::launch::async, [] { return UsbdReplay_WaitAllReturned(kInfinite); });
+    auto some = std::async(std::launch::async, [] { return UsbdReplay_WaitReturned(20, kInfinite); });
+    for (const Sent& message : plugin.Messages()) {
+        Return(message);
+        Usbd_PostHIDOptOperationMsg("?", 1);
+    }
+    EXPECT_TRUE(some.get());
+    EXPECT_TRUE(all.get());
+    EXPECT_EQ(UsbdReplay_GetCounters().mismatched, 51u);
+}
+
+TEST(UsbReplay, CountsTheFilterStatusByItsValue) {
+    Configure(PlanOf({CaptureOf(BulkTransfers(1))}));
+    for (const Bool enabled : {TRUE, FALSE, TRUE}) Usbd_SetUsbDeviceFilterEnabledStatus(enabled);
+    EXPECT_EQ(UsbdReplay_GetCounters().filterEnabled, 2u);
+    EXPECT_EQ(UsbdReplay_GetCounters().filterDisabled, 1u);
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// usb-replay: recorded USB traffic through the plug-in to an agent process and back, with an account of every message.
+
+#include <signal.h>
+
+#include <atomic>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "generated/Version.h"
+#include "tools/replay/Layout.h"
+#include "tools/replay/Options.h"
+#include "tools/replay/ProgressBar.h"
+#include "tools/replay/ReplaySession.h"
+#include "tools/replay/Report.h"
+
+namespace {
+
+constexpr int kExitBadInput = 2;
+
+// Lock-free, and thus fit for a signal handler. Relaxed: it is looked at again and again, and orders nothing.
+std::atomic<bool> gStopRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+void OnStopSignal(int) {
+    gStopRequested.store(true, std::memory_order_relaxed);
+}
+
+// The first signal ends the replay in order, the second one at once.
+void InstallSignals() {
+    struct sigaction action = {};
+    action.sa_handler = OnStopSignal;
+    action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaction(number, &action, nullptr);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+int Complain(const std::string& text, int status) {
+    fprintf(stderr, "usb-replay: %s\n", text.c_str());
+    return status;
+}
+
+int Print(const std::string& text) {
+    const bool written = fputs(text.c_str(), stdout) >= 0 && fflush(stdout) == 0;
+    return written ? 0 : Complain("cannot write to standard output", 1);
+}
+
+// False, with one line in error, if a file is no capture with records.
+bool ReadCaptures(const std::vector<std::string>& paths, std::vector<UsbCapture>* captures, std::string* error) {
+    bool records = false;
+    for (const std::string& path : paths) {
+        std::optional<UsbCapture> capture = UsbCapture::Read(path, error);
+        if (!capture) return false;
+        records = records || !capture->Records().empty();
+        captures->push_back(std::move(*capture));
+    }
+    if (!records) *error = "there is no record to replay in " + paths.front();
+    return records;
+}
+
+int Replay(const ReplayOptions& options) {
+    std::string error;
+    std::vector<UsbCapture> captures;
+    const std::vector<std::string> shipped = {SampleCapturePath()};
+    if (!ReadCaptures(options.captures.empty() ? shipped : options.captures, &captures, &error))
+        return Complain(error, kExitBadInput);
+
+    InstallSignals();
+    ReplayReport report;
+    bool ran;
+    {
+        ProgressBar bar(stderr);
+        ReplaySession session(options, std::move(captures), gStopRequested,
+                              [&bar](uint64_t sent, uint64_t total) { bar.Show(sent, total); });
+        ran = session.Run(&report, &error);
+    }
+    if (!ran) return Complain(error, 1);
+    for (const std::string& problem : report.problems) Complain(problem, 1);
+    const int printed = Print(options.json ? ReportAsJson(report) + "\n" : ReportAsText(report));
+    return report.Ok() ? printed : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const auto parsed = ParseOptions({argv + 1, argv + argc});
+    if (const auto* error = std::get_if<std::string>(&parsed))
+        return Complain(*error + " (--help tells what there is)", kExitBadInput);
+    const auto& options = std::get<ReplayOptions>(parsed);
+    if (options.help) return Print(ReplayUsage());
+    if (options.version) return Print("usb-replay " CORVEX_VERSION " (" CORVEX_REVISION ")\n");
+    return Replay(options);
+}
