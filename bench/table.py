@@ -1,0 +1,165 @@
+#!/usr/bin/env python3
+"""Makes the tables of bench/README.md from the results of one run: table.py FOLDER.
+
+Figures are medians of interleaved repetitions, given beside a peer or the bare limit of the same run. Only ratios, and
+differences within one run, say something about the code."""
+
+import json
+import os
+import statistics
+import sys
+
+folder = sys.argv[1]
+
+
+def load(name):
+    """Medians of one benchmark program by run name: nanoseconds of real time, and the user counters."""
+    path = os.path.join(folder, name + ".json")
+    if not os.path.exists(path):
+        return {}
+    scale = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
+    figures = {}
+    with open(path) as file:
+        for run in json.load(file)["benchmarks"]:
+            if run.get("aggregate_name") != "median":
+                continue
+            name = run["run_name"].removesuffix("/real_time")
+            counters = {k: v for k, v in run.items() if k in ("allocations", "bytes_copied", "lines_per_second", "end_ns")}
+            figures[name] = (run["real_time"] * scale[run["time_unit"]], counters)
+    return figures
+
+
+def text(ns):
+    for unit, size in (("ms", 1e6), ("us", 1e3)):
+        if ns >= size:
+            return f"{ns / size:.3g} {unit}"
+    return f"{ns:.3g} ns"
+
+
+def table(head, rows):
+    print("| " + " | ".join(head) + " |")
+    print("|" + "---|" * len(head))
+    for row in rows:
+        print("| " + " | ".join(row) + " |")
+    print()
+
+
+def compare(figures, ours, peer):
+    """The row end for ours beside peer: both figures and the ratio ours to peer."""
+    if ours not in figures or peer not in figures:
+        return None
+    a, b = figures[ours][0], figures[peer][0]
+    return [text(a), text(b), f"{a / b:.2f}"]
+
+
+def runtime():
+    figures = load("RuntimeBench")
+    wanted = [
+        ("event: Set and Wait(0)", "EventSetWait0/KxEvent", "EventSetWait0/WinPR", "WinPR", "0.25"),
+        ("event: Set and Wait(0)", "EventSetWait0/KxEvent", "EventSetWait0/CondVar", "mutex + condition variable", ""),
+        ("event: any of 8, one ready", "EventWaitAnyOf8Ready/KxEvent", "EventWaitAnyOf8Ready/WinPR", "WinPR", "0.25"),
+        ("event: ping-pong, one CPU", "EventPingPongOneCpu/KxEvent", "EventPingPongOneCpu/WinPR", "WinPR", "1"),
+        ("event: ping-pong, one CPU", "EventPingPongOneCpu/KxEvent", "EventPingPongOneCpu/CondVar",
+         "mutex + condition variable", "1.25"),
+        ("event: ping-pong, two CPUs", "EventPingPong/KxEvent", "EventPingPong/WinPR", "WinPR", "1"),
+        ("event: ping-pong, two CPUs", "EventPingPong/KxEvent", "EventPingPong/CondVar",
+         "mutex + condition variable", "1.25"),
+        ("event: ping-pong over any of 8, one CPU", "EventWaitAnyOf8OneCpu/KxEvent", "EventWaitAnyOf8OneCpu/WinPR",
+         "WinPR", "1"),
+        ("event: ping-pong over any of 8, two CPUs", "EventWaitAnyOf8/KxEvent", "EventWaitAnyOf8/WinPR", "WinPR", "1"),
+        ("mutex: acquire and release", "MutexUncontended/KxMutex", "MutexUncontended/RecursiveTimedMutex",
+         "std::recursive_timed_mutex", "1.5"),
+        ("mutex: the same, nested", "MutexNested/KxMutex", "MutexNested/RecursiveTimedMutex",
+         "std::recursive_timed_mutex", "1.5"),
+        ("pointer: copy and drop", "PointerCopyDrop/RCPtr", "PointerCopyDrop/SharedPtr", "std::shared_ptr", "2"),
+        ("object without counting: AddRef, Release", "UncountedAddRefRelease/RefCountOff",
+         "UncountedAddRefRelease/Branch", "a branch", ""),
+        ("poll thread: lateness of 5 ms", "PollLateness/KxPollThread", "PollLateness/libuv", "libuv", "1"),
+        ("poll thread: wake-up from another thread", "PollWakeUp/KxPollThread", "PollWakeUp/libuv", "libuv", "1.2"),
+    ]
+    rows = []
+    for what, ours, peer, name, limit in wanted:
+        figure = compare(figures, ours, peer)
+        if figure:
+            rows.append([what, figure[0], name, figure[1], figure[2], limit])
+    if rows:
+        print("## Runtime\n")
+        table(["what", "here", "beside", "there", "ratio", "at most"], rows)
+    if "CacheLineRoundTrip" in figures:
+        print(f"Two-thread figures of this run go with a cache-line round trip of {text(figures['CacheLineRoundTrip'][0])}"
+              " between the two CPUs.\n")
+
+
+def fast_post():
+    figures = load("FastPostBench")
+    rows = []
+    for size in (64, 4096, 65536):
+        names = [f"{kind}/{size}" for kind in ("BM_FastPost", "BM_CallsByHand", "BM_BulkPacketEncoder")]
+        if any(name not in figures for name in names):
+            continue
+        post, hand, encoder = (figures[name] for name in names)
+        rows.append([f"{size} B", text(post[0]), f"{post[1].get('allocations', 0):.3g}", text(hand[0]),
+                     f"{post[0] - hand[0]:.0f} ns", text(encoder[0]), f"{encoder[1].get('allocations', 0):.3g}",
+                     f"{post[0] / encoder[0]:.2f}"])
+    if rows:
+        print("## A fast post\n\nThrough the loaded plug-in into a service that does next to nothing, beside the same "
+              "table calls made by hand (at most\n150 ns more), and beside `usbredirparser` encoding a bulk packet of "
+              "that size into memory.\n")
+        table(["payload", "plug-in", "allocations", "by hand", "over it", "encoder", "its allocations",
+               "ratio to encoder"], rows)
+        first, last = figures["BM_FastPost/64"][0], figures["BM_FastPost/65536"][0]
+        print(f"64 KiB beside 64 B: {last / first:.2f} (at most 1.10; no byte of the payload is copied).\n")
+
+
+def end_to_end():
+    path = os.path.join(folder, "end-to-end.jsonl")
+    if not os.path.exists(path):
+        return
+    runs = {}
+    with open(path) as file:
+        for line in file:
+            run = json.loads(line)
+            result = run["result"]
+            count = result["messages_per_second"]
+            volume = result.get("bytes_per_second")
+            if volume is None:
+                volume = (result["sent"]["bytes"] + result["returned"]["bytes"]) / result["seconds"]
+            runs.setdefault((run["transport"], run["program"]), []).append((count, volume))
+    rows = []
+    for transport in ("unix", "tcp"):
+        medians = {}
+        for program in ("usb-replay", "bare-push"):
+            values = runs.get((transport, program))
+            if values:
+                medians[program] = [statistics.median(column) for column in zip(*values)]
+        if len(medians) == 2:
+            ours, bare = medians["usb-replay"], medians["bare-push"]
+            rows.append([transport, f"{ours[0]:,.0f}", f"{bare[0]:,.0f}", f"{ours[0] / bare[0]:.2f}",
+                         f"{ours[1] / 1e6:,.0f}", f"{bare[1] / 1e6:,.0f}"])
+    if rows:
+        print("## End to end\n\nThe shipped capture in a loop, to the agent process and back, every byte checked; "
+              "beside a bare program that pushes the\nsame records over the same kind of socket and back.\n")
+        table(["transport", "messages/s", "bare", "ratio", "MB/s", "bare MB/s"], rows)
+
+
+def load_time():
+    figures = load("LoadBench")
+    stripped = os.path.join(folder, "stripped.so")
+    if "BM_LoadInitUnload" not in figures or not os.path.exists(stripped):
+        return
+    print("## What a session pays once\n")
+    table(["what", "figure", "at most"], [
+        ["load, initialise, bring to ready and take down", text(figures["BM_LoadInitUnload"][0]), "10 ms"],
+        ["stripped plug-in", f"{os.path.getsize(stripped) / 1024:.0f} KiB", "1024 KiB"],
+    ])
+
+
+print("""# Benchmarks
+
+Made by `scripts/bench`; medians of interleaved repetitions of one run. Absolute times are those of one machine in one
+state: what counts are the ratios to the peer beside them.
+""")
+runtime()
+fast_post()
+end_to_end()
+load_time()
