@@ -82,7 +82,7 @@ int Replay(const ReplayOptions& options) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     const auto parsed = ParseOptions({argv + 1, argv + argc});
     if (const auto* error = std::get_if<std::string>(&parsed))
         return Complain(*error + " (--help tells what there is)", kExitBadInput);
@@ -90,4 +90,7 @@ int main(int argc, char** argv) {
     if (options.help) return Print(ReplayUsage());
     if (options.version) return Print("usb-replay " CORVEX_VERSION " (" CORVEX_REVISION ")\n");
     return Replay(options);
+} catch (const std::exception& error) {
+    std::fprintf(stderr, "usb-replay: %s\n", error.what());
+    return 1;
 }

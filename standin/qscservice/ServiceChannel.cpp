@@ -214,7 +214,7 @@ ServiceChannel::DroppedChannel ServiceChannel::DropChannel() {
     return dropped;
 }
 
-void ServiceChannel::AbortRequests(OpenRequestMap requests) {
+void ServiceChannel::AbortRequests(OpenRequestMap&& requests) {
     for (auto& [requestId, request] : requests) {
         request.context.reset();
         if (request.sink.OnMsgAbort) request.sink.OnMsgAbort(request.sinkContext, requestId, TRUE, kAbortChannelDown);

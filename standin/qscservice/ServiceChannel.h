@@ -255,7 +255,7 @@ private:
     // States.
     void AcceptPeer();
     DroppedChannel DropChannel();
-    void AbortRequests(OpenRequestMap requests);
+    void AbortRequests(OpenRequestMap&& requests);
     void SetObjectState(const ObjectPtr& object, QSCRPC_ObjectState state);
     std::pair<QSCService_ChannelNotifySink, void*> Sink() const;  // with null words when there is none
     ObjectPtr FindObject(std::string_view name) const REQUIRES(m_mutex);
@@ -277,8 +277,7 @@ private:
     mutable Mutex m_mutex;  // guards states, objects and counts; never held across a callback or a send
     mutable std::condition_variable_any m_changed;        // connection state, queue or delivery
     std::shared_ptr<Link> m_running GUARDED_BY(m_mutex);  // from the start of a connection to its fall
-    std::shared_ptr<Link> m_link
-        GUARDED_BY(m_mutex);  // from the delivery of its rise to its fall: carries what we send
+    std::shared_ptr<Link> m_link GUARDED_BY(m_mutex);     // what is sent goes here: from its delivered rise to its fall
     QSCService_ConnectionState m_connection GUARDED_BY(m_mutex) = QSC_CONNECTION_DISCONNECTED;
     QSCService_ChannelState m_channel GUARDED_BY(m_mutex) = QSC_CHANNEL_DISCONNECTED;
     QSCService_SessionType m_sessionType GUARDED_BY(m_mutex);

@@ -150,7 +150,7 @@ bool UsbCapture::Reader::ReadFile(FilePtr file, std::string* error) {
     char reason[PCAP_ERRBUF_SIZE] = "";
     PcapPtr pcap(pcap_fopen_offline(file.get(), reason));
     if (!pcap) return Fail(error, capture.name + ": " + reason);
-    file.release();
+    static_cast<void>(file.release());  // pcap closes it
     if (const int linkType = pcap_datalink(pcap.get()); linkType != kUsbCaptureLinkType)
         return Fail(error, capture.name + ": link type " + std::to_string(linkType) + " instead of " +
                                std::to_string(kUsbCaptureLinkType));

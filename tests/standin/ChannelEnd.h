@@ -122,39 +122,45 @@ private:
     static ChannelEnd& Of(void* context) { return *static_cast<ChannelEnd*>(context); }
     static void Hear(void* context, const std::string& line) { Of(context).journal.Add(line); }
 
-    static constexpr QSCService_ChannelNotifySink kChannelSink = {
-        1,
-        [](void* self, QSCService_ConnectionState current, QSCService_ConnectionState, void*) {
-            Hear(self, "connection " + std::to_string(current));
-            const auto& channel = Of(self).channel;
-            if (current == QSC_CONNECTION_CONNECTED && channel->Options().role == qscservice::Role::Client) {
-                EXPECT_TRUE(channel->Connect());
-            }
-        },
-        [](void* self, QSCService_ChannelState, QSCService_ChannelState transition, void*) {
-            Hear(self, "channel " + std::to_string(transition));
-        },
-        [](void* self, const char* name, void*) { Hear(self, std::string("peer ") + name); }};
-    static constexpr QSCRPC_ObjectNotifySink kObjectSink = {
-        1,
-        [](void* context, void* hContext, void*) {
-            const Owner& owner = *static_cast<Owner*>(context);
-            const uint32_t command = qscservice::ContextTable::Find(hContext)->command;
-            if (owner.end->onMessage) return owner.end->onMessage(hContext, command);
-            owner.end->journal.Add(owner.name + " message " + std::to_string(command));
-        },
-        [](void* context, void*) {
-            const Owner& owner = *static_cast<Owner*>(context);
-            owner.end->journal.Add(owner.name + " state");
-        }};
-    static constexpr QSCRPC_ContextNotifySink kContextSink = {
-        1, [](void* self, uint32_t id, void*) { Hear(self, "done " + std::to_string(id)); },
-        [](void* self, uint32_t id, Bool flag, uint32_t reason) {
-            Hear(self, "abort " + std::to_string(id) + " " + std::to_string(flag) + " " + std::to_string(reason));
-        }};
+    static const QSCService_ChannelNotifySink kChannelSink;
+    static const QSCRPC_ObjectNotifySink kObjectSink;
+    static const QSCRPC_ContextNotifySink kContextSink;
 
     std::map<std::string, Owner> m_owners;
 };
+
+inline const QSCService_ChannelNotifySink ChannelEnd::kChannelSink = {
+    1,
+    [](void* self, QSCService_ConnectionState current, QSCService_ConnectionState, void*) {
+        Hear(self, "connection " + std::to_string(current));
+        const auto& channel = Of(self).channel;
+        if (current == QSC_CONNECTION_CONNECTED && channel->Options().role == qscservice::Role::Client) {
+            EXPECT_TRUE(channel->Connect());
+        }
+    },
+    [](void* self, QSCService_ChannelState, QSCService_ChannelState transition, void*) {
+        Hear(self, "channel " + std::to_string(transition));
+    },
+    [](void* self, const char* name, void*) { Hear(self, std::string("peer ") + name); }};
+
+inline const QSCRPC_ObjectNotifySink ChannelEnd::kObjectSink = {
+    1,
+    [](void* context, void* hContext, void*) {
+        const Owner& owner = *static_cast<Owner*>(context);
+        const uint32_t command = qscservice::ContextTable::Find(hContext)->command;
+        if (owner.end->onMessage) return owner.end->onMessage(hContext, command);
+        owner.end->journal.Add(owner.name + " message " + std::to_string(command));
+    },
+    [](void* context, void*) {
+        const Owner& owner = *static_cast<Owner*>(context);
+        owner.end->journal.Add(owner.name + " state");
+    }};
+
+inline const QSCRPC_ContextNotifySink ChannelEnd::kContextSink = {
+    1, [](void* self, uint32_t id, void*) { Hear(self, "done " + std::to_string(id)); },
+    [](void* self, uint32_t id, Bool flag, uint32_t reason) {
+        Hear(self, "abort " + std::to_string(id) + " " + std::to_string(flag) + " " + std::to_string(reason));
+    }};
 
 inline qscservice::ChannelOptions ServerOptions() {
     return {.role = qscservice::Role::Server, .sessionType = QSC_SESSION_STORM};

@@ -2,7 +2,6 @@
 
 using qscservice::InboundMessage;
 using qscservice::Value;
-using qscservice::Values;
 
 namespace {
 
