@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <exception>
 #include <string>
 #include <vector>
 

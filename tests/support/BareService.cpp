@@ -1,15 +1,25 @@
 #include "tests/support/BareService.h"
 
 #include <dlfcn.h>
+#include <stdlib.h>
 
 #include <condition_variable>
 #include <cstring>
+#include <filesystem>
 #include <mutex>
 
 namespace {
 
 using Op = BareService::Op;
 
+// A sanitizer calls what an unloaded library keeps for the life of the process a leak: under one the library stays.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int kLoadMode = RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE;
+#else
+constexpr int kLoadMode = RTLD_NOW | RTLD_LOCAL;
+#endif
+
+std::string tempFolder;  // of the plug-in, for as long as it is loaded
 bool recording = false;
 std::vector<Op> recorded;
 QSC_RPC_BLOB lastBlob{};
@@ -225,7 +235,10 @@ void Usbd_SendAsyncMsgRespCb(Usbd_AsyncFinalRespCb, void*, int, const void*, uin
 }  // extern "C"
 
 std::string BareService::Start(const std::string& pluginPath) {
-    plugin = dlopen(pluginPath.c_str(), RTLD_NOW | RTLD_LOCAL);
+    char folder[] = "/tmp/bare-service-XXXXXX";
+    tempFolder = mkdtemp(folder);
+    setenv("TMPDIR", tempFolder.c_str(), 1);
+    plugin = dlopen(pluginPath.c_str(), kLoadMode);
     if (!plugin) return dlerror();
     Find<Bool (*)(const char*)>("QSCService_PluginSetStartupArgs")(
         "VChan.UsbOverVChan.enabled,TRUE,VChan.UsbOverVChan.desktopPID,desktop,"
@@ -255,6 +268,7 @@ void BareService::Stop() {
     Find<Bool (*)(void*)>("QSCService_PluginDestroyInstance")(instance);
     Find<Bool (*)()>("QSCService_PluginExit")();
     dlclose(plugin);
+    std::filesystem::remove_all(tempFolder);
 }
 
 bool BareService::PostFast(size_t size, const unsigned char* data) {
