@@ -13,6 +13,8 @@
 namespace {
 
 constexpr char kDaemonName[] = "velmora-client-usbd";
+constexpr char kLogComponent[] = "UsbRedirectionClient";
+constexpr char kLogRegistryPath[] = "Software\\Corvex\\Velmora\\QSCService\\Plugins\\UsbRedirection";
 constexpr int64_t kStopMarginMS = 1000;  // beyond the time that the daemon may wait for a message
 
 bool IsTrue(const std::string& argument) {
@@ -38,10 +40,11 @@ UsbRedirectionClient::UsbRedirectionClient()
     : RPCManager("UsbRedirection", "UsbRedirControlObj", "UsbRedirDataObj", "UsbRedirDataObjTcp", RefCountOff) {}
 
 bool UsbRedirectionClient::OnPluginInit() {
-    return true;
+    return usbRedirectionLogger.Start(kLogComponent, kLogRegistryPath);
 }
 
 bool UsbRedirectionClient::OnPluginExit() {
+    usbRedirectionLogger.Stop();
     return true;
 }
 

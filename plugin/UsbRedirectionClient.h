@@ -9,6 +9,7 @@
 
 #include "plugin/PluginGlobals.h"
 #include "plugin/UsbRedirectionClientPlugin.h"
+#include "plugin/UsbRedirectionLogger.h"
 #include "plugin/Usbd.h"
 #include "rpc/RPCManager.h"
 #include "runtime/KxThread.h"
@@ -64,6 +65,7 @@ private:
     std::string MakeIdentity();
     bool StopUsbdThread(const char* signature);  // logs under that of PowerOffUsbdService
 
+    UsbRedirectionLogger usbRedirectionLogger;
     KxMutex pluginLock{false, ""};  // guards plugin; taken last of all locks and held for an exchange or a copy only
     RCPtr<UsbRedirectionClientPlugin> plugin GUARDED_BY(pluginLock);
     // What plugin points to, for the daemon's callbacks, which gInstanceLock saves from a lock more: stored with

@@ -12,7 +12,7 @@
 struct RPCPluginInstance::Operation {
     Operation(int level, const char* signature, const RPCPluginInstance& instance)
         : manager(instance.RequireManager(signature)),
-          trace(level, signature, "%s(0x%p) - rpcPlugin(0x%p)", manager ? manager->m_name : "",
+          trace(level, signature, RCPtr<Logger>(), "%s(0x%p) - rpcPlugin(0x%p)", manager ? manager->m_name : "",
                 manager ? manager->Handle() : nullptr, instance.Handle()) {}
 
     explicit operator bool() const { return static_cast<bool>(manager); }

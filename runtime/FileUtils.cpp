@@ -106,7 +106,7 @@ bool GetFreeSpace(const std::string& path, uint64* bytes) {
 }
 
 bool CreateEmptyFile(const std::string& path, bool truncate) {
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | (truncate ? O_TRUNC : 0), kFileMode);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (truncate ? O_TRUNC : 0), kFileMode);
     if (fd < 0) return false;
     const bool done = fchmod(fd, kFileMode) == 0;
     const int error = errno;
@@ -157,6 +157,12 @@ std::string GetBaseName(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+bool KxFile::HasPath() const {
+    if (!absPath.empty()) return true;
+    LOG(Debug, "The abolute path of the file is not set.\n");
+    return false;
+}
+
 Bool KxFile::SetAbsPath(const std::string& path) {
     if (path.empty()) {
         LOG(Debug, "The abolute path of the file is not set.\n");
@@ -167,10 +173,7 @@ Bool KxFile::SetAbsPath(const std::string& path) {
 }
 
 Bool KxFile::Open(const char* mode, bool) {
-    if (absPath.empty()) {
-        LOG(Debug, "The abolute path of the file is not set.\n");
-        return FALSE;
-    }
+    if (!HasPath()) return FALSE;
     if (!IsFile(absPath)) {
         LOG(Debug, "%s file does not exist.\n", absPath.c_str());
         return FALSE;
@@ -180,6 +183,18 @@ Bool KxFile::Open(const char* mode, bool) {
     return stream.IsValid() ? TRUE : FALSE;
 }
 
+bool KxFile::OpenToAppend() {
+    if (!HasPath()) return false;
+    Close();
+    // A pipe that stands there in place of a file would block the open.
+    const int fd = open(absPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return false;
+    struct stat status;
+    if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) stream.Reset(fdopen(fd, "a"));
+    if (!stream.IsValid()) close(fd);
+    return stream.IsValid();
+}
+
 bool KxFile::Close() {
     stream.Reset();
     return true;
@@ -187,6 +202,10 @@ bool KxFile::Close() {
 
 bool KxFile::Write(const char* text) {
     return stream.IsValid() && text && std::fprintf(stream.Get(), "%s", text) >= 0;
+}
+
+bool KxFile::Write(const char* text, size_t length) {
+    return stream.IsValid() && fwrite_unlocked(text, 1, length, stream.Get()) == length;
 }
 
 bool KxFile::Flush() {

@@ -34,7 +34,7 @@ bool GetModifiedTime(const std::string& path, time_t* t);
 bool GetFreeSpace(const std::string& path, uint64* bytes);
 
 // Makes sure that a file is at path, emptied if truncate, with mode 0640 even if it was there before. False, with errno
-// left as the system set it, if that fails.
+// left as the system set it, if that fails, and for a symbolic link.
 bool CreateEmptyFile(const std::string& path, bool truncate);
 
 // Makes the directory, open to all users whatever the mode mask says. Returns whether a directory is there afterwards:
@@ -68,11 +68,15 @@ public:
     // is open, with errno left as the system set it. The stream isn't passed on to programs that the process starts.
     Bool Open(const char* mode, bool);
 
+    // Opens the file for appending. As above, but never through a symbolic link, and a regular file only.
+    bool OpenToAppend();
+
     // Closes the stream, if there is one; always true.
     bool Close();
 
     // False without a stream, or if the system refused.
     bool Write(const char* text);
+    bool Write(const char* text, size_t length);  // the caller sees to it that no other thread uses the stream
     bool Flush();
 
     bool Exists();
@@ -81,6 +85,8 @@ public:
     bool GetSize(uint64* size);
 
 private:
+    bool HasPath() const;
+
     std::string absPath;
     FileHolder stream;
 };

@@ -57,6 +57,7 @@ uint32_t RCObject::FinishRelease() {
     referenceLock.lock();
     const uint32_t taken = refCount -= kDyingMark;
     referenceLock.unlock();
+    OnTakenBack();
     return taken;
 }
 

@@ -70,6 +70,10 @@ protected:
     // taken itself back, so that it isn't deleted; references taken meanwhile stay.
     virtual bool OnLastRelease();
 
+    // Called last of all after OnLastRelease returned true, when the count is settled: from here the object may be
+    // given to others, or be destroyed.
+    virtual void OnTakenBack() {}
+
     // Makes the object's link, under the reference lock.
     virtual WkReference* CreateWkReference();
 

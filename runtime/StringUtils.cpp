@@ -43,6 +43,23 @@ const char* SubsecondUnit(int digits) {
     }
 }
 
+// The text of a time stamp up to its milliseconds, which a thread keeps for as long as the second lasts.
+struct StampOfSecond {
+    time_t second = -1;
+    int length = 0;
+    char text[64];
+
+    bool Make(time_t time, bool utc) {
+        tm parts;
+        if (!(utc ? gmtime_r(&time, &parts) : localtime_r(&time, &parts))) return false;
+        length = StringUtils::Snprintf(text, sizeof text - 8, "%04d-%02d-%02d%c%02d:%02d:%02d.", parts.tm_year + 1900,
+                                       parts.tm_mon + 1, parts.tm_mday, utc ? 'T' : ' ', parts.tm_hour, parts.tm_min,
+                                       parts.tm_sec);
+        second = time;
+        return true;
+    }
+};
+
 }  // namespace
 
 namespace StringUtils {
@@ -157,12 +174,17 @@ int FormatTimestamp(char* dst, int size, bool utc) {
     dst[0] = '\0';
     timeval now;
     if (gettimeofday(&now, nullptr) != 0) return 0;
-    tm parts;
-    const time_t seconds = now.tv_sec;
-    if (!(utc ? gmtime_r(&seconds, &parts) : localtime_r(&seconds, &parts))) return 0;
-    return Snprintf(dst, size, "%04d-%02d-%02d%c%02d:%02d:%02d.%03d%s", parts.tm_year + 1900, parts.tm_mon + 1,
-                    parts.tm_mday, utc ? 'T' : ' ', parts.tm_hour, parts.tm_min, parts.tm_sec,
-                    static_cast<int>(now.tv_usec / 1000), utc ? "Z" : "");
+    static thread_local StampOfSecond stamps[2];
+    StampOfSecond& stamp = stamps[utc ? 1 : 0];
+    if (now.tv_sec != stamp.second && !stamp.Make(now.tv_sec, utc)) return 0;
+    const auto milliseconds = static_cast<unsigned>(now.tv_usec / 1000);
+    char* const digits = stamp.text + stamp.length;
+    digits[0] = static_cast<char>('0' + milliseconds / 100);
+    digits[1] = static_cast<char>('0' + milliseconds / 10 % 10);
+    digits[2] = static_cast<char>('0' + milliseconds % 10);
+    digits[3] = utc ? 'Z' : '\0';
+    digits[4] = '\0';
+    return CopyString(dst, stamp.text, std::min(size - 1, stamp.length + (utc ? 4 : 3)));
 }
 
 std::string GetTimestamp(bool utc) {
@@ -184,6 +206,16 @@ const char* GetFunctionName(const char* signature, char* buf, unsigned size) {
     if (signature[0] == '@') return signature + 1;
     if (size == 0) return "";
     const unsigned limit = size > 2 ? size - 2 : 0;
+    const char* const bracket = std::strchr(signature, '(');
+    if (bracket && bracket - signature < static_cast<std::ptrdiff_t>(limit)) {
+        const auto* const blank =
+            static_cast<const char*>(memrchr(signature, ' ', static_cast<size_t>(bracket - signature)));
+        const char* const name = blank ? blank + 1 : signature;
+        const auto nameLength = static_cast<size_t>(bracket - name);
+        std::memcpy(buf, name, nameLength);
+        std::memcpy(buf + nameLength, "()", 3);
+        return buf;
+    }
     unsigned length = 0;
     for (const char* next = signature; *next != '\0' && length < limit; ++next) {
         if (*next == ' ') {

@@ -23,7 +23,7 @@ need_packages() {
 
 BUILD_PACKAGES=(g++ cmake ninja-build ccache pkg-config libgtest-dev libpcap-dev nlohmann-json3-dev git ca-certificates)
 CLANG_PACKAGES=(clang clang-tidy clang-format libclang-rt-14-dev)
-BENCH_PACKAGES=(libbenchmark-dev libwinpr2-dev libusbredirparser-dev python3)
+BENCH_PACKAGES=(libbenchmark-dev libwinpr2-dev libusbredirparser-dev libspdlog-dev libgoogle-glog-dev libuv1-dev python3)
 CROSS_PACKAGES=(g++-arm-linux-gnueabihf qemu-user dpkg-dev bison flex make)
 
 # build PRESET [TARGET...]: configures when needed and builds.

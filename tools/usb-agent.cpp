@@ -12,21 +12,24 @@
 #include <vector>
 
 #include "tools/replay/Agent.h"
+#include "tools/replay/ProgramLog.h"
 
 namespace {
 
 constexpr char kUsage[] =
-    "Usage: usb-agent (--listen unix:PATH | --listen tcp:ADDRESS:PORT | --fd N) [--control]\n"
+    "Usage: usb-agent (--listen unix:PATH | --listen tcp:ADDRESS:PORT | --fd N) [--control] [--log-config FILE]\n"
     "Serves one client of the USB channel after the other and prints its counts as JSON at the end.\n"
     "\n"
     "  --listen ADDRESS  wait for the client there; port 0 and \"unix:\" choose an address and print it\n"
     "  --fd N            serve the connected socket that was inherited under that number\n"
     "  --control         answer each line \"counts\" on standard input with the counts; end with the input\n"
+    "  --log-config FILE write a log of its own, with the settings in FILE\n"
     "\n"
     "Without --control it ends on SIGINT or SIGTERM.\n";
 
 struct AgentOptions {
     std::string listen;
+    std::string logConfig;
     int fd = -1;
     bool control = false;
     bool help = false;
@@ -37,7 +40,7 @@ std::optional<AgentOptions> Parse(const std::vector<std::string_view>& args, std
     AgentOptions options;
     for (size_t i = 0; i < args.size(); i++) {
         const std::string_view arg = args[i];
-        const bool takesValue = arg == "--listen" || arg == "--fd";
+        const bool takesValue = arg == "--listen" || arg == "--fd" || arg == "--log-config";
         if (takesValue && i + 1 == args.size()) {
             *error = std::string(arg) + " needs a value";
             return std::nullopt;
@@ -51,6 +54,8 @@ std::optional<AgentOptions> Parse(const std::vector<std::string_view>& args, std
                 *error = "--fd takes a file descriptor, not \"" + std::string(text) + "\"";
                 return std::nullopt;
             }
+        } else if (arg == "--log-config") {
+            options.logConfig = args[++i];
         } else if (arg == "--control") {
             options.control = true;
         } else if (arg == "--help") {
@@ -81,8 +86,13 @@ void ServeControl(Agent& agent) {
 }
 
 int Serve(const AgentOptions& options, const sigset_t& endings) {
-    Agent agent;
     std::string error;
+    ProgramLog log;
+    if (!options.logConfig.empty() && !log.Start("UsbAgent", "usb-agent", options.logConfig, &error)) {
+        fprintf(stderr, "usb-agent: %s\n", error.c_str());
+        return 2;
+    }
+    Agent agent;
     if (!(options.fd >= 0 ? agent.Attach(options.fd, &error) : agent.Listen(options.listen, &error))) {
         fprintf(stderr, "usb-agent: %s\n", error.c_str());
         return 1;

@@ -11,6 +11,7 @@
 #include "generated/Version.h"
 #include "tools/replay/Layout.h"
 #include "tools/replay/Options.h"
+#include "tools/replay/ProgramLog.h"
 #include "tools/replay/ProgressBar.h"
 #include "tools/replay/ReplaySession.h"
 #include "tools/replay/Report.h"
@@ -64,6 +65,10 @@ int Replay(const ReplayOptions& options) {
     std::vector<UsbCapture> captures;
     const std::vector<std::string> shipped = {SampleCapturePath()};
     if (!ReadCaptures(options.captures.empty() ? shipped : options.captures, &captures, &error))
+        return Complain(error, kExitBadInput);
+
+    ProgramLog log;
+    if (!options.logConfig.empty() && !log.Start("UsbReplay", "usb-replay", options.logConfig, &error))
         return Complain(error, kExitBadInput);
 
     InstallSignals();

@@ -54,6 +54,24 @@ pid_t FindChild(pid_t parent, const std::string& name, uint64_t minTicks) {
     return -1;
 }
 
+// Where the programs leave their logs; it goes with this process.
+class LogFolder {
+public:
+    LogFolder() {
+        char pattern[] = "/tmp/e2e-XXXXXX";
+        path = mkdtemp(pattern);
+        setenv("TMPDIR", path.c_str(), 1);
+        setenv("USER", "tester", 1);
+    }
+    ~LogFolder() {
+        std::error_code failure;
+        std::filesystem::remove_all(path, failure);
+    }
+
+private:
+    std::string path;
+} logFolder;
+
 }  // namespace
 
 Program::Program(const std::string& name, const std::vector<std::string>& args) {

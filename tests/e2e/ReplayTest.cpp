@@ -3,6 +3,10 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 
 #include "tests/e2e/Program.h"
 
@@ -108,6 +112,39 @@ TEST(Replay, TellsAPersonTheResultInAFewLines) {
     EXPECT_EQ(result.err, "");
     EXPECT_EQ(result.out.rfind("OK: ", 0), 0u) << result.out;
     EXPECT_LE(std::count(result.out.begin(), result.out.end(), '\n'), 12) << result.out;
+}
+
+// usb-replay names the plug-in's log and writes one of its own with settings that change while it runs.
+TEST(Replay, LeavesTheLogsThatItIsAskedFor) {
+    namespace fs = std::filesystem;
+    const fs::path folder = fs::path(std::getenv("TMPDIR")) / "own";
+    fs::create_directories(folder);
+    const fs::path settings = folder / "settings";
+    const std::string section = "UsbReplay.usb-replay.";
+    std::ofstream(settings) << section << "logEnabled = true\n"
+                            << section << "logLevel = DEBUG\n"
+                            << section << "logDirectory = " << folder.string() << "\n";
+    const ProgramResult result =
+        RunProgram("usb-replay", {"--json", "--interrupt-every", "20", "--log-config", settings.string()});
+    ASSERT_EQ(result.status, 0) << result.err;
+    const std::string pluginLog = result.Json()["log"];
+    EXPECT_EQ(fs::path(pluginLog).parent_path(), fs::path(std::getenv("TMPDIR")) / "corvex-tester");
+    const auto read = [](const fs::path& path) {
+        std::ifstream file(path);
+        return std::string(std::istreambuf_iterator<char>(file), {});
+    };
+    EXPECT_NE(read(pluginLog).find("Transport is ready now."), std::string::npos);
+    EXPECT_NE(read(pluginLog).find("*** LOG FILE COMPLETE ***"), std::string::npos);
+    std::string own;
+    for (const auto& entry : fs::directory_iterator(folder)) {
+        if (entry.path().extension() == ".log") own += read(entry.path());
+    }
+    EXPECT_NE(own.find(" D ReplaySession::"), std::string::npos) << own;
+    EXPECT_NE(own.find("0 messages lost, 0 changed on the way"), std::string::npos) << own;
+
+    const ProgramResult refused = RunProgram("usb-replay", {"--log-config", (folder / "missing").string()});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_NE(refused.err.find("missing: No such file or directory"), std::string::npos) << refused.err;
 }
 
 TEST(Replay, PrintsHelpAndVersion) {

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,6 +23,15 @@ protected:
     using Texts = std::vector<std::string>;
 
     static constexpr char kData[] = "UsbRedirDataObj";
+
+    // The plug-in's own log goes to a folder of the suite's.
+    static void SetUpTestSuite() {
+        char pattern[] = "/tmp/plugin-XXXXXX";
+        tempFolder = mkdtemp(pattern);
+        setenv("TMPDIR", tempFolder.c_str(), 1);
+        setenv("USER", "tester", 1);
+    }
+    static void TearDownTestSuite() { std::filesystem::remove_all(tempFolder); }
 
     void SetUp() override {
         FakeUsbd::Reset();
@@ -102,6 +113,8 @@ protected:
     FakeUsbd::Callbacks daemon;
     void* instance = nullptr;
     bool initialised = false;
+
+    inline static std::string tempFolder;
 
 private:
     inline static std::mutex heardLock;  // guards heard

@@ -1,5 +1,7 @@
 #include "tools/replay/Agent.h"
 
+#include "logging/Log.h"
+
 using qscservice::InboundMessage;
 using qscservice::Value;
 
@@ -42,6 +44,7 @@ AgentCounts Agent::Counts() {
 }
 
 void Agent::OnReady() {
+    LOG(Info, "The channel is ready\n");
     if (filtersSent) return;
     filtersSent = true;
     for (const std::string_view type : {"Filter", "UnFilter"}) {
@@ -54,6 +57,7 @@ void Agent::OnReady() {
 }
 
 void Agent::OnMessage(InboundMessage& message) {
+    LOG(Debug, "Message with command %u\n", message.Command());
     bool understood = false;
     switch (message.Command()) {
         case kPost:

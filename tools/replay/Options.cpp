@@ -44,6 +44,12 @@ std::optional<std::string> SetTransport(ReplayOptions& options, std::string_view
     return std::nullopt;
 }
 
+std::optional<std::string> SetLogConfig(ReplayOptions& options, std::string_view text) {
+    if (text.empty()) return "a file name";
+    options.logConfig = text;
+    return std::nullopt;
+}
+
 const std::vector<OptionRule>& Rules() {
     static const std::vector<OptionRule> rules = {
         {"--json", false, Flag(&ReplayOptions::json)},
@@ -55,6 +61,7 @@ const std::vector<OptionRule>& Rules() {
         {"--threads", true, Number(&ReplayOptions::threads, kMaxThreads)},
         {"--interrupt-every", true, Number(&ReplayOptions::interruptEvery, kMaxInterruptEvery)},
         {"--transport", true, SetTransport},
+        {"--log-config", true, SetLogConfig},
     };
     return rules;
 }
@@ -108,6 +115,7 @@ const char* ReplayUsage() {
            "  --transport KIND     unix or tcp (unix)\n"
            "  --interrupt-every N  take the channel down and up again after each N messages\n"
            "  --start-by-client    let the embedding client start the daemon\n"
+           "  --log-config FILE    write a log of usb-replay's own, with the settings in FILE\n"
            "  --json               print one JSON object on standard output\n"
            "  --help               print this text\n"
            "  --version            print the version\n"

@@ -14,6 +14,7 @@ struct ReplayOptions {
     uint32_t threads = 1;               // daemon threads that send
     uint32_t interruptEvery = 0;        // messages between two falls of the channel; 0: it stays up
     Transport transport = Transport::Unix;
+    std::string logConfig;       // file of settings for the program's own log; empty: there is none
     bool timed = false;          // keep the gaps between the records
     bool startByClient = false;  // the embedding client starts the daemon, not the startup arguments
     bool json = false;

@@ -1,11 +1,13 @@
 // The thread of Run only looks on: the daemon's threads send, the channel's threads deliver. All its waits are short,
 // so that an agent that dies, a channel that stays down or a request to stop is noticed wherever the replay stands.
 #include "tools/replay/ReplaySession.h"
+#include "logging/Log.h"
 
 #include <algorithm>
 
 #include "plugin/Usbd.h"
 #include "tools/replay/Layout.h"
+#include "tools/replay/ProgramLog.h"
 
 using namespace std::chrono_literals;
 
@@ -66,6 +68,10 @@ bool ReplaySession::Run(ReplayReport* report, std::string* error) {
     if (failed) report->problems.clear();
     report->problems.insert(report->problems.begin(), problems.begin(), problems.end());
     report->interruptions = interrupter->Count();
+    report->log = FindPluginLog();
+    LOG(Info, "%llu messages lost, %llu changed on the way, %llu interruptions\n",
+        static_cast<unsigned long long>(report->Lost()), static_cast<unsigned long long>(report->mismatched),
+        static_cast<unsigned long long>(report->interruptions));
     report->stoppedEarly = stoppedEarly;
     const Clock::time_point started{std::chrono::nanoseconds(ledger.daemon.firstSentNs)};
     if (ledger.daemon.firstSentNs > 0)
@@ -79,6 +85,8 @@ bool ReplaySession::Start(std::string* error) {
 
 bool ReplaySession::StartAgent(std::string* error) {
     const char* address = options.transport == Transport::Unix ? "unix:" : "tcp:127.0.0.1:0";
+    LOG(Info, "Replaying %zu captures %u times on %u threads over %s\n", captures.size(), options.loop, options.threads,
+        address);
     agent = AgentProcess::Start(AgentPath(), {"--listen", address, "--control"}, error);
     return agent != nullptr;
 }
@@ -90,7 +98,10 @@ bool ReplaySession::ConfigureDaemon(std::string* error) {
     plan.threads = static_cast<int>(options.threads);
     plan.timed = options.timed;
     plan.hookInterval = options.interruptEvery;
-    plan.onMessages = [this](uint64_t) { interrupter->Interrupt(); };
+    plan.onMessages = [this](uint64_t sent) {
+        LOG(Debug, "%llu messages sent, the channel is interrupted\n", static_cast<unsigned long long>(sent));
+        interrupter->Interrupt();
+    };
     return UsbdReplay_Configure(std::move(plan), error);
 }
 
@@ -223,6 +234,8 @@ bool ReplaySession::Moves(std::chrono::milliseconds limit) {
 }
 
 bool ReplaySession::Look() {
+    LOG(Trace, "%llu messages sent, %llu arrived\n", static_cast<unsigned long long>(ledger.daemon.sent.Messages()),
+        static_cast<unsigned long long>(ledger.Arrived()));
     if (const auto counts = agent->Ask()) {
         ledger.agent = *counts;
     } else {

@@ -142,6 +142,7 @@ std::string ReportAsJson(const ReplayReport& report) {
         {"seconds", report.seconds},
         {"messages_per_second", report.MessagesPerSecond()},
         {"latency_us", {{"p50", latency.p50}, {"p99", latency.p99}, {"max", latency.max}}},
+        {"log", report.log},
         {"problems", report.problems},
     };
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);

@@ -34,6 +34,7 @@ struct ReplayReport {
     bool stoppedEarly = false;   // by a signal
     double seconds = 0;          // from the first message to the last that came back
     LatencySummary latency;
+    std::string log;                    // the plug-in's log file, empty if there is none
     std::vector<std::string> problems;  // what else went wrong, a line each
 
     uint64_t Lost() const { return outbound.lost + returning.lost; }

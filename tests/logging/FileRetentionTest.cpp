@@ -1,0 +1,342 @@
+// The scan for old log files, slice by slice, over a real folder whose files have set ages.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <set>
+#include <utility>
+
+#include "tests/logging/LogSupport.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/Pattern.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int64 kHour = 3600;
+constexpr int64 kDay = 86400;
+constexpr int kSlice = 20;
+
+class FileRetentionTest : public LoggingTest {
+protected:
+    ~FileRetentionTest() override {
+        goOn.Set();
+        LoggerManager::Shutdown();
+    }
+
+    // Keeps the thread "Logger" busy: a change of a rule calls for a scan there, but the test makes its steps.
+    void HoldThread() {
+        goOn.Reset();
+        KxEvent held{true, false};
+        LoggerManager::GetPollThread()->AddTask("hold", nullptr, 0, [&](bool) {
+            held.Set();
+            goOn.Wait(kInfinite);
+            return false;
+        });
+        held.Wait(kInfinite);
+    }
+    void Start() {
+        HoldThread();
+        ASSERT_TRUE(logger->Start());
+        own = fs::path(writer->GetCurrentPath()).filename().string();
+    }
+    void SetRules(int days, int files, int hours) {
+        writer->SetProperty("maxDaysKept", std::to_string(days));
+        writer->SetProperty("maxNumFiles", std::to_string(files));
+        writer->SetProperty("minAgeInHours", std::to_string(hours));
+    }
+    // A file of another process, that many seconds old.
+    std::string Put(const std::string& stem, int process, int64 age) {
+        const std::string name = "velmora-" + stem + "-0-" + std::to_string(process) + "__2026-01-01-00-00.log";
+        PutFile(name, age);
+        return name;
+    }
+    void PutFile(const std::string& name, int64 age) {
+        WriteText(folder.File(name), "old\n");
+        SetFileAge(folder.File(name), age);
+    }
+    // Runs a scan to its end; returns the number of slices.
+    int Scan() {
+        int slices = 1;
+        while (writer->ScanStep(false) && slices < 1000) ++slices;
+        return slices;
+    }
+    bool Exists(const std::string& name) const { return fs::exists(fs::symlink_status(folder.File(name))); }
+    std::string LastInfo(const LogCapture& capture) const {
+        const auto texts = capture.Texts(kLogInfo);
+        return texts.empty() ? "" : texts.back();
+    }
+
+    TempFolder folder;
+    KxEvent goOn{true, false};
+    std::string own;  // the file of this process
+    const RCPtr<Logger> logger{MakeLogger(kLogInfo, "Comp")};
+    const RCPtr<FileWriter> writer{AddFileWriter(logger, folder.path)};
+};
+
+TEST_F(FileRetentionTest, RemovesTheOldOnesOfItsStemAmongTwoHundredFilesInSlices) {
+    std::set<std::string> stay;
+    std::set<std::string> go;
+    for (int i = 0; i < 100; ++i) {
+        const int64 age = i < 70 ? 8 * kDay + i : kHour * i;  // 70 beyond seven days, the others up to four days old
+        (i < 70 ? go : stay).insert(Put("Comp", 900000 + i, age));
+    }
+    for (int i = 0; i < 30; ++i) go.insert(Put("Component", 800000 + i, 30 * kDay));  // a longer stem matches too
+    for (int i = 0; i < 50; ++i) stay.insert(Put("Other", 700000 + i, 30 * kDay));
+    for (int i = 0; i < 19; ++i) {
+        stay.insert("corvex-Comp-" + std::to_string(i));
+        PutFile("corvex-Comp-" + std::to_string(i), 30 * kDay);
+    }
+    fs::create_directory(folder.File("velmora-Comp-folder"));
+    stay.insert("velmora-Comp-folder");
+    fs::create_symlink(folder.File("corvex-Comp-0"), folder.File("velmora-Comp-link"));
+    stay.insert("velmora-Comp-link");
+    Start();
+    SetFileAge(folder.File(own), 40 * kDay);
+    stay.insert(own);
+    writer->SetProperty("maxNumFiles", "0");
+
+    LogCapture capture(kLogInfo);
+    const int slices = Scan();
+    for (const std::string& name : go) EXPECT_FALSE(Exists(name)) << name;
+    for (const std::string& name : stay) EXPECT_TRUE(Exists(name)) << name;
+    // 131 matching files in 7 slices, 100 removals in 6, the last to find nothing more, one each for the other steps.
+    EXPECT_EQ(slices, 7 + 6 + 1 + 1);
+    const auto texts = capture.Texts(kLogInfo);
+    ASSERT_GE(texts.size(), 5u);
+    EXPECT_EQ(texts[0], "Scanning \"" + folder.path + "/velmora-Comp*\"");
+    EXPECT_EQ(texts[1], "Scan complete; 130 files found");
+    EXPECT_EQ(texts[2], "Deleting files older than 7 days");
+    EXPECT_TRUE(Matches(texts[3], R"(Deleted "velmora-Component-0-8000\d\d__.*" \(age 30 days.*\))"));
+    EXPECT_EQ(capture.Count("Deleting files older than 7 days"), 1u) << "told once, not in each slice";
+    EXPECT_TRUE(capture.Has(kLogInfo, "Deleting old log files disabled"));
+    EXPECT_EQ(texts.back(), "Scan complete; 100 files deleted, 30 files remain, next scan in 4:00:00");
+}
+
+TEST_F(FileRetentionTest, OldestGoFirstAndASliceEndsAfterTwenty) {
+    SetRules(1, 0, 0);
+    for (int i = 0; i < 45; ++i) Put("Comp", 900000 + i, 2 * kDay + kHour * ((i * 7) % 45));
+    Start();
+    LogCapture capture(kLogInfo);
+    for (int i = 0; i < 3; ++i) EXPECT_TRUE(writer->ScanStep(false));  // 46 files are found
+    capture.Clear();
+    size_t gone = 0;
+    for (const int expected : {kSlice, kSlice, 5}) {
+        EXPECT_TRUE(writer->ScanStep(false));
+        const auto texts = capture.Texts(kLogInfo);
+        const size_t now = static_cast<size_t>(
+            std::count_if(texts.begin(), texts.end(), [](const std::string& t) { return t.rfind("Deleted", 0) == 0; }));
+        EXPECT_EQ(now - gone, static_cast<size_t>(expected));
+        gone = now;
+    }
+    std::vector<std::string> order;
+    for (const std::string& text : capture.Texts(kLogInfo)) {
+        std::vector<std::string> match;
+        if (Finds(text, R"(Deleted "velmora-Comp-0-(\d+))", &match)) order.push_back(match[1]);
+    }
+    ASSERT_EQ(order.size(), 45u);
+    for (size_t i = 0; i < order.size(); ++i) {
+        const int rank = (std::stoi(order[i]) - 900000) * 7 % 45;
+        EXPECT_EQ(rank, 44 - static_cast<int>(i));
+    }
+}
+
+TEST_F(FileRetentionTest, TheLimitsOfAgeAndCount) {
+    struct Case {
+        const char* name;
+        int days, files, hours;
+        std::vector<std::pair<int, int64>> put;  // how many files of that age
+        size_t remain;
+        const char* line;  // that is told
+    };
+    for (const Case& c : {
+             Case{"no files", 7, 25, 2, {}, 0, "Scan complete; no log files found, next scan in 4:00:00"},
+             {"age off",
+              0,
+              0,
+              2,
+              {{3, 100 * kDay}},
+              3,
+              "Scan complete; 0 files deleted, 3 files remain, next scan in 4:00:00"},
+             {"one remains",
+              7,
+              25,
+              2,
+              {{1, 8 * kDay}, {1, kDay}},
+              1,
+              "Scan complete; 1 file deleted, 1 file remains, next scan in 4:00:00"},
+             {"the larger of the two ages",
+              1,
+              0,
+              48,
+              {{1, 36 * kHour}, {1, 49 * kHour}},
+              1,
+              "Deleting files older than 2 days"},
+             {"count", 7, 25, 2, {{30, kDay}}, 25, "Keeping 25 files, minimum age 2:00:00, 0 active sessions"},
+             {"count of one", 7, 1, 1, {{3, kDay}}, 1, "Keeping 1 file, minimum age 1:00:00, 0 active sessions"},
+             {"count stops at the minimum age",
+              7,
+              25,
+              2,
+              {{3, kDay}, {27, kHour}},
+              27,
+              "Scan complete; 3 files deleted, 27 files remain, next scan in 4:00:00"},
+             {"count in slices",
+              7,
+              5,
+              0,
+              {{50, kDay}},
+              5,
+              "Scan complete; 45 files deleted, 5 files remain, next scan in 4:00:00"},
+             {"count reached",
+              7,
+              25,
+              0,
+              {{25, kDay}},
+              25,
+              "Scan complete; 0 files deleted, 25 files remain, next scan in 4:00:00"},
+             {"no minimum age", 7, 2, 0, {{4, 5}}, 2, "Keeping 2 files, minimum age 0s, 0 active sessions"},
+         }) {
+        SCOPED_TRACE(c.name);
+        TempFolder place;
+        goOn.Set();
+        LoggerManager::Shutdown();
+        HoldThread();
+        const RCPtr<Logger> each = MakeLogger(kLogInfo, "Comp");
+        const RCPtr<FileWriter> file = AddFileWriter(each, place.path);
+        int number = 900000;
+        for (const auto& [count, age] : c.put) {
+            for (int i = 0; i < count; ++i) {
+                const std::string name = "velmora-Comp-0-" + std::to_string(number++) + "__x.log";
+                WriteText(place.File(name), "");
+                SetFileAge(place.File(name), age);
+            }
+        }
+        for (const auto& [key, value] :
+             {std::pair{"maxDaysKept", c.days}, {"maxNumFiles", c.files}, {"minAgeInHours", c.hours}}) {
+            file->SetProperty(key, std::to_string(value));
+        }
+        ASSERT_TRUE(each->Start());
+        LogCapture capture(kLogInfo);
+        int slices = 0;
+        while (file->ScanStep(false) && slices < 100) ++slices;
+        EXPECT_EQ(place.Names().size(), c.remain + 1) << "and the one of this process";
+        EXPECT_TRUE(capture.Has(kLogInfo, c.line));
+        // The rules are told anew by the next scan.
+        capture.Clear();
+        while (file->ScanStep(false) && slices < 100) ++slices;
+        const char* const ageRule = c.days == 0 ? "Deleting old log files disabled" : "Deleting files older than ";
+        EXPECT_EQ(capture.Texts(kLogInfo)[2].rfind(ageRule, 0), 0u);
+        EXPECT_EQ(capture.Has(kLogInfo, "Deleting old log files disabled"), c.days == 0 || c.files == 0);
+    }
+}
+
+TEST_F(FileRetentionTest, AFileExactlyAtTheLimitStays) {
+    // Ages are whole seconds of a clock that goes on, so the scan begins in the second in which the ages were set.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        SetRules(1, 0, 0);
+        if (attempt == 0) Start();
+        const std::string at = Put("Comp", 900001, kDay);
+        const std::string beyond = Put("Comp", 900002, kDay + 1);
+        const time_t before = time(nullptr);
+        LogCapture capture(kLogInfo);
+        Scan();
+        struct stat status;
+        const bool sameSecond =
+            stat(folder.File(at).c_str(), &status) == 0 && status.st_mtime + kDay == before && time(nullptr) == before;
+        if (!sameSecond && attempt < 19) continue;
+        EXPECT_TRUE(Exists(at));
+        EXPECT_FALSE(Exists(beyond));
+        EXPECT_TRUE(capture.Has(kLogInfo, "Stopping at \"" + at + "\" (age 1 day)"));
+        return;
+    }
+}
+
+TEST_F(FileRetentionTest, FilesOfThisProcessAreNeverTouched) {
+    SetRules(1, 1, 0);
+    const std::string process = std::to_string(getpid());
+    const std::string names[] = {
+        "velmora-Comp-0-" + process + "(2)__2020-01-01-00-00.log",
+        "velmora-COMP-0-" + process + "__2020-01-01-00-00.log",
+    };
+    for (const std::string& name : names) PutFile(name, 100 * kDay);
+    Start();
+    LogCapture capture(kLogVerbose);
+    Scan();
+    EXPECT_TRUE(Exists(names[0]));
+    EXPECT_TRUE(Exists(names[1]));
+    EXPECT_TRUE(Exists(own));
+    EXPECT_TRUE(capture.Has(kLogVerbose, "Skipping current process \"" + names[0] + "\" (age 100 days)"));
+    EXPECT_TRUE(capture.Has(kLogInfo, "Scan complete; no log files found, next scan in 4:00:00"));
+}
+
+TEST_F(FileRetentionTest, AFolderWithTheCharactersOfAPatternIsScannedToo) {
+    const std::string odd = folder.File("a[b]*\\c");
+    fs::create_directory(odd);
+    writer->SetProperty("folderPath", odd);
+    WriteText(odd + "/velmora-Comp-0-900000__x.log", "");
+    Start();
+    LogCapture capture(kLogInfo);
+    Scan();
+    EXPECT_TRUE(capture.Has(kLogInfo, "Scan complete; 1 file found"));
+}
+
+TEST_F(FileRetentionTest, AFolderThatHasGoneIsEmpty) {
+    Start();
+    fs::remove_all(folder.path);
+    LogCapture capture(kLogInfo);
+    EXPECT_EQ(Scan(), 4);
+    EXPECT_TRUE(capture.Has(kLogInfo, "Scan complete; 0 files found"));
+    EXPECT_EQ(LastInfo(capture), "Scan complete; no log files found, next scan in 4:00:00");
+}
+
+TEST_F(FileRetentionTest, AFileThatCantBeRemovedIsToldAndTriedByTheNextScan) {
+    SetRules(1, 0, 0);
+    const std::string stuck = Put("Comp", 900001, 3 * kDay);
+    const std::string gone = Put("Comp", 900002, 2 * kDay);
+    Start();
+    LogCapture capture(kLogInfo);
+    EXPECT_TRUE(writer->ScanStep(false));
+    fs::remove(folder.File(gone));
+    fs::remove(folder.File(stuck));
+    fs::create_directory(folder.File(stuck));
+    Scan();
+    EXPECT_TRUE(capture.Has(kLogWarn,
+                            "Failed to delete \"" + stuck + "\" (age 3 days) (errno=" + std::to_string(EISDIR) + ")"));
+    EXPECT_TRUE(capture.Has(kLogInfo, "Deleted \"" + gone + "\" (age 2 days)"));
+    EXPECT_EQ(LastInfo(capture), "Scan complete; 1 file deleted, 0 files remain, next scan in 4:00:00");
+}
+
+TEST_F(FileRetentionTest, AChangeOfTheRulesInterruptsAScanButNotItsWalk) {
+    for (int i = 0; i < 30; ++i) Put("Comp", 900000 + i, 10 * kDay);
+    SetRules(7, 0, 0);
+    Start();
+    LogCapture capture(kLogInfo);
+    EXPECT_TRUE(writer->ScanStep(false));
+    EXPECT_TRUE(writer->ScanStep(true)) << "the walk goes on";
+    EXPECT_EQ(capture.Texts(kLogInfo), (std::vector<std::string>{"Scanning \"" + folder.path + "/velmora-Comp*\"",
+                                                                 "Scan complete; 30 files found"}));
+    EXPECT_TRUE(writer->ScanStep(false));  // removes 20
+    capture.Clear();
+    EXPECT_TRUE(writer->ScanStep(true));
+    const auto texts = capture.Texts(kLogInfo);
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[0], "Scan interrupted; 20 files deleted, 10 files remain, next scan in 4:00:00");
+    EXPECT_EQ(texts[1], "Scanning \"" + folder.path + "/velmora-Comp*\"");
+    EXPECT_EQ(texts[2], "Scan complete; 10 files found");
+    Scan();
+    EXPECT_EQ(folder.Names(), std::vector<std::string>{own});
+}
+
+// On the poll thread: a change of a rule starts a scan without the wait of a minute, and the step after a second ends
+// it.
+TEST_F(FileRetentionTest, AChangeOfARuleStartsAScanAtOnceSlow) {
+    const std::string old = Put("Comp", 900000, 3 * kDay);
+    ASSERT_TRUE(logger->Start());
+    LogCapture capture(kLogInfo);
+    writer->SetProperty("maxDaysKept", "2");
+    EXPECT_TRUE(capture.WaitFor(kLogInfo, "Deleted \"" + old + "\" (age 3 days)"));
+    EXPECT_TRUE(capture.WaitFor(kLogInfo, "Scan complete; 1 file deleted, 0 files remain, next scan in 4:00:00"));
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+#include "logging/LogMessageCache.h"
+
+#include <atomic>
+#include <thread>
+
+#include "tests/logging/LogSupport.h"
+#include "tests/support/LogCapture.h"
+
+namespace {
+
+constexpr int kPerBlock = LogMessageBlock::kMessages;
+constexpr int64 kNanosPerMS = 1000000;
+
+using Messages = std::vector<RCPtr<LogMessage>>;
+
+class LogMessageCacheTest : public LoggingTest {
+protected:
+    Messages Take(int count) {
+        Messages taken;
+        for (int i = 0; i < count; ++i) taken.push_back(manager->NewMessage(kLogInfo, nullptr, 0));
+        return taken;
+    }
+    // A tick of the timer, that long after now.
+    void TickAfter(uint64 milliseconds) {
+        manager->Cache().OnBlockReleaseTimer(KxElapsedTimer::GetTimerNow() +
+                                             static_cast<int64>(milliseconds) * kNanosPerMS);
+    }
+    size_t Blocks() { return manager->Cache().BlockCount(); }
+
+    const RCPtr<LogMessageManager> manager{new LogMessageManager};
+};
+
+TEST_F(LogMessageCacheTest, AMessageComesOutWithItsTextAndLevel) {
+    EXPECT_EQ(Blocks(), 0u);
+    const RCPtr<LogMessage> whole = manager->NewMessage(kLogWarn, "some text", -1);
+    EXPECT_STREQ(whole->Text(), "some text\n");
+    EXPECT_EQ(whole->Level(), kLogWarn);
+    const RCPtr<LogMessage> part = manager->NewMessage(kLogError, "some text", 4);
+    EXPECT_STREQ(part->Text(), "some\n");
+    const RCPtr<LogMessage> none = manager->NewMessage(kLogError, nullptr, 0);
+    EXPECT_STREQ(none->Text(), "");
+    EXPECT_EQ(Blocks(), 1u);
+}
+
+TEST_F(LogMessageCacheTest, MessagesAreUsedInTurnAndComeBackEmpty) {
+    const LogMessage* first = nullptr;
+    {
+        const RCPtr<LogMessage> message = manager->NewMessage(kLogInfo, std::string(1000, 'x').c_str(), -1);
+        first = message.Get();
+    }
+    for (int i = 1; i < kPerBlock; ++i) EXPECT_NE(manager->NewMessage(kLogInfo, "y", -1).Get(), first);
+    const RCPtr<LogMessage> again = manager->NewMessage(kLogInfo, nullptr, 0);
+    EXPECT_EQ(again.Get(), first);
+    EXPECT_STREQ(again->Text(), "");
+    EXPECT_EQ(again->Capacity(), LogMessage::kInlineSize);
+    EXPECT_EQ(Blocks(), 1u);
+}
+
+TEST_F(LogMessageCacheTest, GrowsByABlockWithTheFirstMessageBeyondIt) {
+    Messages taken = Take(kPerBlock);
+    EXPECT_EQ(Blocks(), 1u);
+    taken.push_back(manager->NewMessage(kLogInfo, nullptr, 0));
+    EXPECT_EQ(Blocks(), 2u);
+    const LogMessage* const freed = taken[3].Get();
+    taken.erase(taken.begin() + 3);  // the full block has room again, ahead of the other or behind it
+    Messages more = Take(kPerBlock);
+    EXPECT_EQ(Blocks(), 2u);
+    EXPECT_TRUE(std::any_of(more.begin(), more.end(), [&](const auto& each) { return each.Get() == freed; }));
+    more.push_back(manager->NewMessage(kLogInfo, nullptr, 0));
+    EXPECT_EQ(Blocks(), 3u);
+}
+
+TEST_F(LogMessageCacheTest, TheSizeIsToldAheadOfTheMessageThatNeededABlock) {
+    const RCPtr<Logger> logger = MakeLogger(kLogTrace);
+    logger->AddWriter(kStdOutWriter);
+    ASSERT_TRUE(logger->Start());
+    Messages first = Take(kPerBlock);
+    EXPECT_STREQ(first[0]->Text(), "") << "the first report is made at VERBOSE";
+    const RCPtr<LogMessage> next = manager->NewMessage(kLogInfo, "own text", -1);
+    const std::string text = next->Text();
+    EXPECT_TRUE(Contains(text, " " + ProcessText() +
+                                   " T LogMessage* LogMessageCache::NewMessage(): Log message cache size is 200\nown "
+                                   "text\n"))
+        << text;
+    EXPECT_EQ(CountOf(text, "\n"), 2u);
+    const RCPtr<LogMessage> later = manager->NewMessage(kLogInfo, "own text", -1);
+    EXPECT_STREQ(later->Text(), "own text\n");
+}
+
+TEST_F(LogMessageCacheTest, TheSizeIsNotToldBelowItsLevel) {
+    const RCPtr<Logger> logger = MakeLogger(kLogDebug);
+    logger->AddWriter(kStdOutWriter);
+    ASSERT_TRUE(logger->Start());
+    const Messages taken = Take(2 * kPerBlock + 1);
+    for (const auto& each : taken) EXPECT_STREQ(each->Text(), "");
+}
+
+TEST_F(LogMessageCacheTest, DeferredLinesThatDontFitAreCut) {
+    LogCapture capture(kLogVerbose);
+    Messages taken;
+    LogMessageCache& cache = manager->Cache();
+    // Messages that are taken without being begun leave the deferred lines where they are.
+    for (int i = 0; i < 20 * kPerBlock; ++i) taken.emplace_back(cache.NewMessage());
+    const RCPtr<LogMessage> message = manager->NewMessage(kLogInfo, "own", -1);
+    const std::string text = message->Text();
+    EXPECT_LE(text.size(), static_cast<size_t>(LogMessageCache::kPendingSize) + 4);
+    EXPECT_GT(text.size(), static_cast<size_t>(LogMessageCache::kPendingSize) - 8);
+    EXPECT_EQ(text.substr(text.size() - 5), "\nown\n");
+    EXPECT_TRUE(Contains(text, " V LogMessage* LogMessageCache::NewMessage(): Log message cache size is 100\n"));
+    EXPECT_TRUE(Contains(text, " T LogMessage* LogMessageCache::NewMessage(): Log message cache size is 200\n"));
+    EXPECT_EQ(CountOf(text, "size is 2000"), 0u);
+}
+
+TEST_F(LogMessageCacheTest, ABlockGoesAfterTenIdleMinutesAndTheLastOneStays) {
+    Take(3 * kPerBlock);
+    ASSERT_EQ(Blocks(), 3u);
+    TickAfter(9 * 60000);
+    EXPECT_EQ(Blocks(), 3u);
+    TickAfter(LogMessageCache::kIdleMS);
+    EXPECT_EQ(Blocks(), 2u) << "one block a tick";
+    TickAfter(LogMessageCache::kIdleMS);
+    EXPECT_EQ(Blocks(), 1u);
+    TickAfter(100 * LogMessageCache::kIdleMS);
+    EXPECT_EQ(Blocks(), 1u);
+}
+
+TEST_F(LogMessageCacheTest, ABlockWithAMessageOutStays) {
+    Messages kept = Take(1);
+    const Messages kept2 = [&] {
+        Messages taken = Take(2 * kPerBlock - 1);
+        return Messages{taken.back()};
+    }();
+    ASSERT_EQ(Blocks(), 2u);
+    TickAfter(LogMessageCache::kIdleMS);
+    EXPECT_EQ(Blocks(), 2u);
+    kept.clear();
+    TickAfter(LogMessageCache::kIdleMS);
+    EXPECT_EQ(Blocks(), 1u);
+}
+
+TEST_F(LogMessageCacheTest, ReleasesAreToldThroughTheLogger) {
+    Take(3 * kPerBlock);
+    LogCapture capture(kLogVerbose);
+    TickAfter(LogMessageCache::kIdleMS);
+    const auto lines = capture.Lines();
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].function, "void LogMessageCache::OnBlockReleaseTimer()");
+    EXPECT_EQ(lines[0].text, "Log message cache size is 200");
+    EXPECT_EQ(lines[0].level, kLogTrace) << "the pool has told its size before, if to nobody";
+}
+
+TEST_F(LogMessageCacheTest, AMessageOutlivesThePoolThatMadeIt) {
+    RCPtr<LogMessage> message;
+    {
+        const RCPtr<LogMessageManager> pool(new LogMessageManager);
+        message = pool->NewMessage(kLogInfo, "still here", -1);
+    }
+    EXPECT_STREQ(message->Text(), "still here\n");
+    message = nullptr;  // frees block and pool: the address sanitizer watches
+}
+
+TEST_F(LogMessageCacheTest, ThreadsTakeAndReturnEachOthersMessages) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 3000;
+    std::mutex lock;
+    Messages shared;  // guarded by lock; each thread puts one and takes another
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kRounds; ++i) {
+                const std::string text = std::to_string(t) + "/" + std::to_string(i);
+                RCPtr<LogMessage> message = manager->NewMessage(t, text.c_str(), -1);
+                if (message->Text() != text + "\n" || message->Level() != t) ++wrong;
+                std::lock_guard guard(lock);
+                shared.push_back(std::move(message));
+                if (shared.size() > 150) {
+                    if (shared.front()->Length() < 4) ++wrong;
+                    shared.erase(shared.begin());
+                }
+                if (i % 500 == 0) TickAfter(LogMessageCache::kIdleMS);
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(wrong, 0);
+    shared.clear();
+    EXPECT_LE(Blocks(), 3u);
+    while (Blocks() > 1) TickAfter(LogMessageCache::kIdleMS);
+    const Messages again = Take(kPerBlock);
+    EXPECT_EQ(Blocks(), 1u) << "no message was lost";
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+// What the tests of the log share: folders, files and lines, and a logger that is gone after each test.
+#pragma once
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "logging/FileWriter.h"
+#include "logging/Log.h"
+#include "logging/LogWriter.h"
+#include "logging/LoggerManager.h"
+#include "runtime/KxEvent.h"
+#include "runtime/KxPollThread.h"
+
+// A folder of its own, gone at the end.
+class TempFolder {
+public:
+    TempFolder() {
+        char pattern[] = "/tmp/logging-XXXXXX";
+        path = mkdtemp(pattern);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    ~TempFolder() { std::filesystem::remove_all(path); }
+
+    std::string File(const std::string& name) const { return path + "/" + name; }
+
+    // The names of the files, in their order.
+    std::vector<std::string> Names() const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(path)) {
+            names.push_back(entry.path().filename().string());
+        }
+        std::sort(names.begin(), names.end());
+        return names;
+    }
+
+    std::string path;
+};
+
+inline std::string ReadText(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void WriteText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+// Makes the file one that was changed that many seconds ago.
+inline void SetFileAge(const std::string& path, int64 seconds) {
+    const timespec at{time(nullptr) - static_cast<time_t>(seconds), 0};
+    const timespec times[] = {at, at};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
+
+inline std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+inline size_t CountOf(const std::string& text, const std::string& part) {
+    size_t count = 0;
+    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + part.size())) ++count;
+    return count;
+}
+
+inline bool Contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// The number of this process as it stands in a line.
+inline std::string ProcessText() {
+    char text[16];
+    std::snprintf(text, sizeof text, "[%04X]", static_cast<unsigned>(getpid()));
+    return text;
+}
+
+// Collects what is written to std::cout.
+class OutputCapture {
+public:
+    OutputCapture() : saved(std::cout.rdbuf(text.rdbuf())) {}
+    OutputCapture(const OutputCapture&) = delete;
+    OutputCapture& operator=(const OutputCapture&) = delete;
+    ~OutputCapture() { std::cout.rdbuf(saved); }
+
+    // Of a logger that still runs: under the log lock, as its lines are written.
+    std::string Text() const {
+        KxMutexGuard guard(LoggerLock());
+        return text.str();
+    }
+    void Clear() {
+        KxMutexGuard guard(LoggerLock());
+        text.str("");
+    }
+
+private:
+    std::ostringstream text;
+    std::streambuf* const saved;
+};
+
+class LoggingTest : public testing::Test {
+protected:
+    LoggingTest() { StartThread(); }
+    ~LoggingTest() override { LoggerManager::Shutdown(); }
+
+    // All that goes to std::cout, the last lines of the loggers included.
+    OutputCapture output;
+
+    // Starts the thread "Logger" and waits until it serves, so that its first lines are over.
+    static void StartThread() {
+        const auto serves = std::make_shared<KxEvent>(true, false);
+        LoggerManager::GetPollThread()->AddTask("first", nullptr, 0, [serves](bool) {
+            serves->Set();
+            return false;
+        });
+        serves->Wait(kInfinite);
+    }
+
+    // The default logger, not started.
+    static RCPtr<Logger> MakeLogger(int level = kLogInfo, const std::string& component = "Test") {
+        const RCPtr<Logger> logger = LoggerManager::CreateLogger("logger", component, true);
+        logger->SetLevel(level);
+        return logger;
+    }
+
+    // A file writer in that folder with no limits but those that a test sets.
+    static RCPtr<FileWriter> AddFileWriter(const RCPtr<Logger>& logger, const std::string& folder) {
+        const RCPtr<LogWriter> writer = logger->AddWriter(kFileWriter);
+        writer->SetProperty("folderPath", folder);
+        const RCPtr<FileWriter> file(static_cast<FileWriter*>(writer.Get()));
+        file->SetFreeSpaceSource([](const std::string&, uint64* bytes) {
+            *bytes = uint64{1} << 40;
+            return true;
+        });
+        return file;
+    }
+};

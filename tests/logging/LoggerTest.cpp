@@ -1,0 +1,452 @@
+#include "logging/Logger.h"
+
+#include <cstdarg>
+#include <functional>
+#include <thread>
+
+#include "logging/LogMessageCache.h"
+#include "logging/ProxyWriter.h"
+#include "tests/logging/LogSupport.h"
+#include "tests/support/Pattern.h"
+
+namespace {
+
+const char kStampPattern[] = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{8,}> \[[0-9A-F]{4,}\] )";
+
+struct ProxyLine {
+    std::string function;
+    int level;
+    std::string text;
+};
+std::vector<ProxyLine>& ProxyLines() {
+    static std::vector<ProxyLine> lines;
+    return lines;
+}
+void (*gProxyHook)() = nullptr;
+
+void TakeProxyLine(const char* function, int level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    char text[4096];
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    ProxyLines().push_back({function, level, text});
+    if (gProxyHook) gProxyHook();
+}
+
+class LoggerTest : public LoggingTest {
+protected:
+    LoggerTest() {
+        ProxyLines().clear();
+        gProxyHook = nullptr;
+    }
+
+    RCPtr<Logger> StartStdOut(int level) {
+        StartThread();
+        const RCPtr<Logger> logger = MakeLogger(level);
+        logger->AddWriter(kStdOutWriter);
+        EXPECT_TRUE(logger->Start());
+        output.Clear();
+        return logger;
+    }
+    RCPtr<Logger> StartProxy(int level) {
+        StartThread();
+        const RCPtr<Logger> logger = MakeLogger(level);
+        const RCPtr<LogWriter> writer = logger->AddWriter(kProxyWriter);
+        EXPECT_TRUE(static_cast<ProxyWriter*>(writer.Get())->SetProxyFunction(TakeProxyLine));
+        EXPECT_TRUE(logger->Start());
+        ProxyLines().clear();
+        return logger;
+    }
+};
+
+TEST_F(LoggerTest, ALineIsWrittenAtOrBelowTheLoggersLevel) {
+    for (int level = kLogAlways; level <= kLogNever; ++level) {
+        const RCPtr<Logger> logger = LoggerManager::CreateLogger("level" + std::to_string(level), "Test", true);
+        logger->SetLevel(level);
+        logger->AddWriter(kStdOutWriter);
+        ASSERT_TRUE(logger->Start());
+        EXPECT_EQ(gLogLevel.load(), level);
+        output.Clear();
+        for (int line = kLogAlways; line <= kLogVerbose; ++line) Logger::Log("Test()", line, "at %d", line);
+        for (int line = kLogAlways; line <= kLogVerbose; ++line) {
+            EXPECT_EQ(CountOf(output.Text(), "at " + std::to_string(line) + "\n"), line <= level ? 1u : 0u);
+        }
+        output.Clear();
+        LOG(Always, "plain");
+        EXPECT_EQ(CountOf(output.Text(), ": plain\n"), 1u);
+    }
+}
+
+TEST_F(LoggerTest, ALineThatIsOffEvaluatesNothing) {
+    StartStdOut(kLogWarn);
+    int evaluated = 0;
+    LOG(Info, "%d", ++evaluated);
+    EXPECT_EQ(evaluated, 0);
+    LOG(Warn, "%d", ++evaluated);
+    LOG_AT(kLogError, "%d", ++evaluated);
+    EXPECT_EQ(evaluated, 2);
+}
+
+TEST_F(LoggerTest, LevelsHaveNamesAndLetters) {
+    const char* const names[] = {"ALWAYS", "ERROR", "WARN", "INFO", "DEBUG", "TRACE", "VERBOSE", "NEVER"};
+    for (int level = kLogAlways; level <= kLogNever; ++level) {
+        EXPECT_STREQ(LogLevelName(level), names[level]);
+        EXPECT_EQ(LogLevelLetter(level), "AEWIDTVN"[level]);
+    }
+    for (const int level : {-1, 8, 1 << 30}) EXPECT_STREQ(LogLevelName(level), "UNKNOWN");
+}
+
+TEST_F(LoggerTest, TheLevelWordFollowsTheDefaultLogger) {
+    EXPECT_EQ(gLogLevel.load(), 0);
+    const RCPtr<Logger> first = MakeLogger(kLogDebug);
+    EXPECT_EQ(gLogLevel.load(), 0) << "not started";
+    first->AddWriter(kStdOutWriter);
+    first->Start();
+    EXPECT_EQ(gLogLevel.load(), kLogDebug);
+    const RCPtr<Logger> second = LoggerManager::CreateLogger("second", "Test", false);
+    second->SetLevel(kLogVerbose);
+    second->AddWriter(kStdOutWriter);
+    second->Start();
+    EXPECT_EQ(gLogLevel.load(), kLogDebug) << "not the default one";
+    LoggerManager::SetDefaultLogger(second);
+    EXPECT_EQ(gLogLevel.load(), kLogVerbose);
+    LoggerManager::SetDefaultLogger(RCPtr<Logger>());
+    EXPECT_EQ(gLogLevel.load(), 0);
+    LoggerManager::SetDefaultLogger(first);
+    LoggerManager::Shutdown();
+    EXPECT_EQ(gLogLevel.load(), 0);
+}
+
+TEST_F(LoggerTest, TheHeaderTellsBuildSystemTimeAndLevel) {
+    for (const bool local : {true, false}) {
+        const RCPtr<Logger> logger = LoggerManager::CreateLogger(local ? "local" : "utc", "Test", true);
+        logger->SetUseLocalTime(local);
+        logger->AddWriter(kStdOutWriter);
+        output.Clear();
+        ASSERT_TRUE(logger->Start());
+        EXPECT_TRUE(logger->Start()) << "a second time";
+        std::vector<std::string> lines = SplitLines(output.Text());
+        lines.erase(std::remove(lines.begin(), lines.end(), std::string(39, '-')), lines.end());
+        ASSERT_EQ(lines.size(), 4u);
+        const std::string stamp = local ? kStampPattern : R"(\S{10}T\S{12}Z <[0-9A-F]{8,}> \[[0-9A-F]{4,}\] )";
+        const std::string bits = std::to_string(sizeof(void*) * 8);
+        const std::string patterns[] = {
+            R"(A Logger::LogStartupInfo\(\): version=\d+\.\d+\.\d+ build-\d+ \S+ \(.+\), buildtype=release/)" + bits +
+                "-bit",
+            R"(A OS Version: Linux, \S+, .+)",
+            std::string(R"(A Time Zone: .* \(UTC [+-]\d{4}\), )") +
+                (local ? R"(Local time is \S{10} \S{12})" : R"(UTC time is \S{10}T\S{12}Z)"),
+            R"(A Log Level: INFO \(read from \))",
+        };
+        for (int i = 0; i < 4; ++i) EXPECT_TRUE(Matches(lines[i], stamp + patterns[i])) << lines[i];
+    }
+}
+
+TEST_F(LoggerTest, StartNeedsPermissionAndAWriterThatStarts) {
+    const RCPtr<Logger> logger = MakeLogger();
+    EXPECT_FALSE(logger->Start()) << "no writer";
+    const RCPtr<FileWriter> broken = AddFileWriter(logger, "/nonexistent/folder");
+    EXPECT_FALSE(logger->Start()) << "no writer that starts";
+    EXPECT_FALSE(logger->IsStarted());
+    logger->AddWriter(kStdOutWriter);
+    logger->SetStartAllowed(false);
+    EXPECT_FALSE(logger->Start());
+    EXPECT_TRUE(logger->SetStartAllowed(true));
+    EXPECT_TRUE(logger->Start()) << "one of two is enough";
+    EXPECT_FALSE(broken->IsStarted());
+}
+
+TEST_F(LoggerTest, NothingChangesOnceItIsStarted) {
+    const RCPtr<Logger> logger = MakeLogger();
+    EXPECT_FALSE(logger->AddWriter(-1));
+    EXPECT_FALSE(logger->AddWriter(6));
+    for (int type = kDebugWriter; type <= kProxyWriter; ++type) {
+        EXPECT_FALSE(logger->HasWriter(type));
+        EXPECT_EQ(logger->AddWriter(type)->GetType(), type);
+        EXPECT_FALSE(logger->AddWriter(type)) << "there is one";
+        EXPECT_TRUE(logger->HasWriter(type));
+    }
+    LoggerManager::Shutdown();
+    const RCPtr<Logger> started = StartStdOut(kLogInfo);
+    EXPECT_FALSE(started->SetLevel(kLogTrace) || started->SetUseLocalTime(false) || started->SetStartAllowed(false) ||
+                 started->SetAutoCreateWriters(false) || started->SetTraceKeyFallback(true));
+    EXPECT_FALSE(started->AddWriter(kStdErrWriter));
+    EXPECT_EQ(started->GetLevel(), kLogInfo);
+    EXPECT_STREQ(started->GetLevelName(), "INFO");
+}
+
+TEST_F(LoggerTest, NamesAreTakenOnce) {
+    EXPECT_FALSE(LoggerManager::CreateLogger("", "Test", true));
+    const RCPtr<Logger> logger = MakeLogger();
+    EXPECT_FALSE(LoggerManager::CreateLogger("logger", "Other", true));
+    EXPECT_TRUE(LoggerManager::GetLogger("logger") == logger);
+    EXPECT_TRUE(LoggerManager::GetDefaultLogger() == logger);
+    EXPECT_FALSE(LoggerManager::HasLogger("Logger"));
+    EXPECT_FALSE(logger->AddConfigFile(""));
+    EXPECT_FALSE(LoggerManager::CreateLogger("no component", "", false)->AddConfigFile("/tmp/x"));
+}
+
+TEST_F(LoggerTest, WritersShareTheLineThatTheFirstOneLaidOut) {
+    TempFolder folder;
+    const RCPtr<Logger> logger = MakeLogger();
+    const RCPtr<FileWriter> file = AddFileWriter(logger, folder.path);
+    file->SetBuffering(false);
+    const RCPtr<LogWriter> proxy = logger->AddWriter(kProxyWriter);
+    static_cast<ProxyWriter*>(proxy.Get())->SetProxyFunction(TakeProxyLine);
+    logger->AddWriter(kStdOutWriter);
+    ASSERT_TRUE(logger->Start());
+    const std::string path = file->GetCurrentPath();
+    const size_t before = ReadText(path).size();
+    output.Clear();
+    ProxyLines().clear();
+    Logger::Log("void Shared::Line(int)", kLogInfo, "same for all, the word kestor masked");
+    const std::string line = ReadText(path).substr(before);
+    EXPECT_TRUE(Contains(line, " I Shared::Line(): same for all, the word k***** masked\n"));
+    EXPECT_EQ(output.Text(), line);
+    ASSERT_EQ(ProxyLines().size(), 1u);
+    EXPECT_EQ(ProxyLines()[0].function, "");
+    EXPECT_EQ(ProxyLines()[0].level, kLogAlways);
+    EXPECT_EQ(ProxyLines()[0].text, line);
+}
+
+TEST_F(LoggerTest, SomeWritersCanBeAddressedAlone) {
+    const RCPtr<Logger> logger = MakeLogger();
+    const RCPtr<LogWriter> proxy = logger->AddWriter(kProxyWriter);
+    static_cast<ProxyWriter*>(proxy.Get())->SetProxyFunction(TakeProxyLine);
+    logger->AddWriter(kStdOutWriter);
+    ASSERT_TRUE(logger->Start());
+    output.Clear();
+    ProxyLines().clear();
+    logger->LogToWriter("One()", kLogInfo, kStdOutWriter, "to one");
+    logger->LogToWriter("One()", kLogDebug, kStdOutWriter, "off");
+    logger->LogToWriter("One()", kLogInfo, kStdErrWriter, "to none");
+    EXPECT_TRUE(ProxyLines().empty());
+    EXPECT_TRUE(Contains(output.Text(), " I One(): to one\n")) << "laid out by the one";
+    EXPECT_EQ(CountOf(output.Text(), "\n"), 1u);
+    output.Clear();
+    logger->LogToWriters("Both()", kLogInfo, {kStdOutWriter, kProxyWriter}, "to %s", "both");
+    ASSERT_EQ(ProxyLines().size(), 1u);
+    EXPECT_EQ(ProxyLines()[0].function, "Both()");
+    EXPECT_EQ(ProxyLines()[0].text, "to both\n");
+    EXPECT_EQ(output.Text(), "@PROXY/3Both()/to both\n");
+}
+
+TEST_F(LoggerTest, AProxyGetsFunctionLevelAndText) {
+    StartProxy(kLogTrace);
+    Logger::Log("void Foo::Bar()", kLogWarn, "a %s/b", "slash");
+    Logger::Log(nullptr, kLogTrace, "no function");
+    ASSERT_EQ(ProxyLines().size(), 2u);
+    EXPECT_EQ(ProxyLines()[0].function, "void Foo::Bar()");
+    EXPECT_EQ(ProxyLines()[0].level, kLogWarn);
+    EXPECT_EQ(ProxyLines()[0].text, "a slash/b\n");
+    EXPECT_EQ(ProxyLines()[1].function, "");
+    EXPECT_EQ(ProxyLines()[1].level, kLogTrace);
+    EXPECT_EQ(ProxyLines()[1].text, "no function\n");
+}
+
+TEST_F(LoggerTest, AProxyRefusesWhatItCantHandOn) {
+    const RCPtr<LogMessageManager> pool(new LogMessageManager);
+    ProxyWriter proxy;
+    const auto write = [&](const char* text) { return proxy.WriteMessage(pool->NewMessage(kLogInfo, text, -1)); };
+    EXPECT_FALSE(write("no receiver"));
+    proxy.SetProxyFunction(TakeProxyLine);
+    EXPECT_FALSE(proxy.WriteMessage(pool->NewMessage(kLogInfo, nullptr, 0)));
+    EXPECT_FALSE(write("@PROXY/3 no end of the function"));
+    // What a longer line left in the buffer doesn't count.
+    const RCPtr<LogMessage> used = pool->NewMessage(kLogInfo, "@PROXY/3old/stale", -1);
+    used->SetLength(7, false);
+    EXPECT_FALSE(proxy.WriteMessage(used));
+    EXPECT_TRUE(ProxyLines().empty());
+    EXPECT_TRUE(write("   unmarked"));
+    ASSERT_EQ(ProxyLines().size(), 1u);
+    EXPECT_EQ(ProxyLines()[0].text, "unmarked\n");
+    proxy.Close();
+    EXPECT_FALSE(write("closed"));
+}
+
+TEST_F(LoggerTest, ALineFromWithinALogCallIsDropped) {
+    StartProxy(kLogInfo);
+    gProxyHook = [] { Logger::Log("Nested()", kLogAlways, "nested"); };
+    Logger::Log("Outer()", kLogInfo, "outer");
+    ASSERT_EQ(ProxyLines().size(), 1u);
+    gProxyHook = nullptr;
+    Logger::Log("Outer()", kLogInfo, "again");
+    EXPECT_EQ(ProxyLines().size(), 2u) << "the nesting is undone";
+}
+
+TEST_F(LoggerTest, ManyThreadsAreNotNested) {
+    StartProxy(kLogInfo);
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([] {
+            for (int i = 0; i < 500; ++i) Logger::Log("T()", kLogInfo, "line");
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(ProxyLines().size(), 2000u);
+}
+
+TEST_F(LoggerTest, WithoutADefaultLoggerALineIsDropped) {
+    Logger::Log("Nobody()", kLogAlways, "lost");
+    const RCPtr<Logger> other = LoggerManager::CreateLogger("other", "Test", false);
+    other->AddWriter(kStdOutWriter);
+    other->Start();
+    output.Clear();
+    Logger::Log("Nobody()", kLogAlways, "lost");
+    EXPECT_EQ(output.Text(), "");
+    other->LogLine("Somebody()", kLogInfo, "found");
+    other->LogLine("Somebody()", kLogDebug, "above its level");
+    EXPECT_TRUE(Contains(output.Text(), " I Somebody(): found\n"));
+    EXPECT_EQ(CountOf(output.Text(), "\n"), 1u);
+}
+
+TEST_F(LoggerTest, LongLinesComeWhole) {
+    StartProxy(kLogInfo);
+    for (const size_t length : {200u, 240u, 254u, 255u, 256u, 1000u, 4000u}) {
+        ProxyLines().clear();
+        const std::string text(length, 'x');
+        Logger::Log("Long()", kLogInfo, "%s", text.c_str());
+        ASSERT_EQ(ProxyLines().size(), 1u);
+        EXPECT_EQ(ProxyLines()[0].text, text + "\n");
+    }
+}
+
+TEST_F(LoggerTest, HexDumpsStandUnderTheirPrefix) {
+    const RCPtr<Logger> logger = StartStdOut(kLogInfo);
+    std::string data;
+    for (int i = 0; i < 20; ++i) data += static_cast<char>('A' + i);
+    data += '\x01';
+    Logger::LogHex("Dump()", kLogInfo, data.data(), static_cast<int>(data.size()));
+    const std::vector<std::string> lines = SplitLines(output.Text());
+    ASSERT_EQ(lines.size(), 2u);
+    const size_t indent = lines[0].find("0x0000: ");
+    ASSERT_NE(indent, std::string::npos);
+    EXPECT_EQ(lines[0].substr(indent), "0x0000: 41 42 43 44 45 46 47 48 49 4A 4B 4C 4D 4E 4F 50  ABCDEFGHIJKLMNOP");
+    EXPECT_EQ(lines[0].substr(indent - 8, 8), "Dump(): ");
+    EXPECT_EQ(lines[1].substr(0, indent + 24), std::string(indent, ' ') + "0x0010: 51 52 53 54 01  ");
+    EXPECT_TRUE(Contains(lines[1], " QRST."));
+
+    output.Clear();
+    std::thread([&] { logger->LogHexLine("Dump()", kLogInfo, data.data(), 17); }).join();
+    const std::vector<std::string> separated = SplitLines(output.Text());
+    ASSERT_EQ(separated.size(), 3u);
+    EXPECT_EQ(separated[0], std::string(39, '-'));
+    EXPECT_EQ(separated[2].find("0x0010"), separated[1].find("0x0000")) << "the separator doesn't count";
+
+    output.Clear();
+    const std::string large(70000, 'z');
+    Logger::LogHex("Dump()", kLogInfo, large.data(), static_cast<int>(large.size()));
+    EXPECT_EQ(CountOf(output.Text(), "\n"), 4097u) << "65,535 bytes and the separator";
+    EXPECT_TRUE(Contains(output.Text(), " 0xfff0: "));
+    output.Clear();
+    Logger::LogHex("Dump()", kLogDebug, large.data(), 1);
+    EXPECT_EQ(output.Text(), "") << "above the level";
+    Logger::LogHex("Dump()", kLogInfo, nullptr, 0);
+    EXPECT_EQ(output.Text().substr(output.Text().find("Dump")), "Dump(): \n");
+}
+
+TEST_F(LoggerTest, LoggingCanBeSetUpAgainAfterAShutdown) {
+    StartStdOut(kLogInfo);
+    LoggerManager::Shutdown();
+    EXPECT_TRUE(LoggerManager::IsShuttingDown());
+    EXPECT_FALSE(LoggerManager::HasLogger("logger"));
+    output.Clear();
+    Logger::Log("Late()", kLogAlways, "dropped");
+    EXPECT_EQ(output.Text(), "");
+    StartStdOut(kLogInfo);
+    Logger::Log("Early()", kLogInfo, "written");
+    EXPECT_TRUE(Contains(output.Text(), "Early(): written\n"));
+    output.Clear();
+    LoggerManager::Shutdown();
+    EXPECT_TRUE(Contains(output.Text(), " A Shutdown: *** LOG FILE COMPLETE ***\n"));
+    LoggerManager::Shutdown();
+}
+
+TEST_F(LoggerTest, TracesAScope) {
+    struct Case {
+        const char* name;
+        std::function<void(FunctionTrace&)> act;
+        const char* format;
+        std::vector<std::string> lines;
+    };
+    const std::string longText(2000, 'y');
+    const Case cases[] = {
+        {"plain", [](FunctionTrace&) {}, "", {"3 Enter\n", "3 Exit\n"}},
+        {"with text", [](FunctionTrace&) {}, "called", {"3 Enter - called\n", "3 Exit\n"}},
+        {"timed", [](FunctionTrace& t) { t.timed = true; }, "", {"3 Enter\n", "3 Exit(0ms)\n"}},
+        {"exit text",
+         [](FunctionTrace& t) { t.SetExitMessage(kLogWarn, "went %d", 7); },
+         "",
+         {"3 Enter\n", "2 Exit - went 7\n"}},
+        {"timed exit text",
+         [](FunctionTrace& t) {
+             t.timed = true;
+             t.SetExitMessage(kLogError, "bad\n");
+         },
+         "",
+         {"3 Enter\n", "1 Exit(0ms) - bad\n"}},
+        {"exit text that is off",
+         [](FunctionTrace& t) { t.SetExitMessage(kLogDebug, "unseen"); },
+         "",
+         {"3 Enter\n", "3 Exit\n"}},
+        {"cut",
+         [&](FunctionTrace& t) { t.SetExitMessage(kLogInfo, "%s", longText.c_str()); },
+         longText.c_str(),
+         {"3 Enter - " + longText.substr(0, 1023) + "\n", "3 Exit - " + longText.substr(0, 1023) + "\n"}},
+    };
+    const RCPtr<Logger> logger = StartProxy(kLogInfo);
+    for (const Case& c : cases) {
+        for (const bool own : {false, true}) {
+            ProxyLines().clear();
+            {
+                FunctionTrace trace(kLogInfo, "void Traced()", own ? logger : RCPtr<Logger>(), c.format);
+                c.act(trace);
+            }
+            std::vector<std::string> lines;
+            for (const ProxyLine& line : ProxyLines()) {
+                EXPECT_EQ(line.function, "void Traced()");
+                std::string text = std::to_string(line.level) + " " + line.text;
+                std::vector<std::string> elapsed;
+                if (Finds(text, R"(\(\d+ms\))", &elapsed))
+                    text.replace(text.find(elapsed[0]), elapsed[0].size(), "(0ms)");
+                lines.push_back(text);
+            }
+            EXPECT_EQ(lines, c.lines) << c.name << (own ? ", logger of its own" : "");
+        }
+    }
+}
+
+TEST_F(LoggerTest, ATraceThatIsOffTellsItsExitTextAlone) {
+    const RCPtr<Logger> logger = StartProxy(kLogInfo);
+    for (const bool own : {false, true}) {
+        ProxyLines().clear();
+        {
+            FunctionTrace trace(kLogDebug, "Off()", own ? logger : RCPtr<Logger>(), "%s", "text");
+            trace.timed = true;
+            EXPECT_TRUE(ProxyLines().empty());
+            trace.SetExitMessage(kLogWarn, "but this");
+        }
+        ASSERT_EQ(ProxyLines().size(), 1u);
+        EXPECT_EQ(ProxyLines()[0].text, "but this\n");
+        EXPECT_EQ(ProxyLines()[0].level, kLogWarn);
+        ProxyLines().clear();
+        { FunctionTrace trace(kLogDebug, "Off()", own ? logger : RCPtr<Logger>(), ""); }
+        EXPECT_TRUE(ProxyLines().empty());
+    }
+}
+
+TEST_F(LoggerTest, ATraceOverTheEndOfItsLoggerHasNoExit) {
+    for (const bool own : {false, true}) {
+        const RCPtr<Logger> logger = StartStdOut(kLogInfo);
+        {
+            FunctionTrace trace(kLogInfo, "Ends()", own ? logger : RCPtr<Logger>(), "");
+            EXPECT_EQ(CountOf(output.Text(), "Enter"), 1u);
+            LoggerManager::Shutdown();
+            trace.SetExitMessage(kLogAlways, "never");
+        }
+        EXPECT_EQ(CountOf(output.Text(), "Ends(): Exit") + CountOf(output.Text(), "never"), 0u);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,104 @@
+// The plug-in's own log: its file, and the road of a message in it.
+#include <sys/stat.h>
+
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+
+#include "plugin/UsbRedirectionLogger.h"
+#include "tests/plugin/PluginUnderTest.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class PluginLog : public PluginUnderTest {
+protected:
+    static std::string LogFolder() { return tempFolder + "/corvex-tester"; }
+
+    // The one log file of the folder, which goes with the reading.
+    static Texts TakeLog(std::string* name = nullptr) {
+        Texts lines;
+        for (const auto& entry : fs::directory_iterator(LogFolder())) {
+            EXPECT_TRUE(lines.empty()) << "more than one file";
+            if (name) *name = entry.path().filename().string();
+            std::ifstream file(entry.path());
+            for (std::string line; std::getline(file, line);) lines.push_back(line);
+        }
+        fs::remove_all(LogFolder());
+        return lines;
+    }
+
+    void Exit() {
+        DestroyInstance();
+        QSCService_PluginExit();
+        initialised = false;
+    }
+
+    // The parts come in this order in lines, one in each.
+    static void ExpectInOrder(const Texts& lines, const Texts& parts) {
+        auto line = lines.begin();
+        for (const std::string& part : parts) {
+            line = std::find_if(line, lines.end(), [&](const auto& text) { return text.find(part) != text.npos; });
+            ASSERT_NE(line, lines.end()) << part;
+            ++line;
+        }
+    }
+};
+
+TEST_F(PluginLog, LiesInTheUsersFolderFromHeaderToLastLine) {
+    StartReady();
+    struct stat folder, file;
+    ASSERT_EQ(stat(LogFolder().c_str(), &folder), 0);
+    EXPECT_EQ(folder.st_mode & 07777, 0777u);
+    const fs::path path = fs::directory_iterator(LogFolder())->path();
+    ASSERT_EQ(stat(path.c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 07777, 0640u);
+    Exit();
+    std::string name;
+    const Texts lines = TakeLog(&name);
+    EXPECT_TRUE(std::regex_match(name, std::regex("velmora-UsbRedirectionClient-0-" + std::to_string(getpid()) +
+                                                  R"(__\d{4}-\d\d-\d\d-\d\d-\d\d\.log)")))
+        << name;
+    ASSERT_GT(lines.size(), 10u);
+    const std::regex shape(
+        R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{8,}> \[[0-9A-F]{4,}\] [AEWIDTV] \S.*: .*)");
+    EXPECT_TRUE(std::regex_match(lines[0], shape)) << lines[0];
+    ExpectInOrder(lines, {" A Logger::LogStartupInfo(): version=", " A OS Version: Linux",
+                          " A Time Zone: ", " A Log Level: INFO (read from )",
+                          " I UsbRedirectionLogger::Start(): USBRedirection - Logger started with default FileWriter.",
+                          " I UsbRedirectionClient::OnClientInit(): Power on Usbd service.",
+                          " I UsbRedirectionClientPlugin::OnReady(): Transport is ready now.",
+                          " I UsbRedirectionClient::OnClientExit(): Power off Usbd service."});
+    EXPECT_NE(lines.back().find(" A Shutdown: *** LOG FILE COMPLETE ***"), std::string::npos) << lines.back();
+}
+
+TEST_F(PluginLog, AnotherInitFindsTheLoggerThatRuns) {
+    UsbRedirectionLogger logger;
+    ASSERT_TRUE(logger.Start("UsbRedirectionClient", "not read"));
+    ASSERT_TRUE(logger.Start("UsbRedirectionClient", "not read"));
+    EXPECT_TRUE(log.Has(kLogInfo, "Start logging was called after the logger was initialized. Returning.\n"));
+    logger.Stop();
+    logger.Stop();
+    EXPECT_EQ(TakeLog().back().find("*** LOG FILE COMPLETE ***") != std::string::npos, true);
+}
+
+TEST_F(PluginLog, AtTraceShowsTheWholeRoadOfAMessage) {
+    UsbRedirectionLogger logger;
+    ASSERT_TRUE(logger.Start("UsbRedirectionLogger", "UsbRedirectionClient", "", kLogTrace, true));
+    StartReady();
+    ASSERT_TRUE(daemon.postMsgFast(4, reinterpret_cast<const unsigned char*>("data")));
+    const std::vector<uint8_t> content{'b', 'a', 'c', 'k'};
+    service.Deliver(kData, 1, {uint32_t{7}, uint64_t{64}, uint64_t{2}, content});
+    Exit();
+    ExpectInOrder(TakeLog(), {" T RPCPluginInstance::CreateMessage(): Enter",
+                              " T UsbRedirectionClientPlugin::USBRedirectionPostMsgFast(): Invoke postMsgFast message. "
+                              "Blob size is [4].",
+                              " T RPCPluginInstance::InvokeMessage(): Enter",
+                              " T UsbRedirectionClientPlugin::OnInvoke(): Received package from peer.",
+                              " T UsbPostMsgFastClientCommand::ParseRequest(): Message queue id is [7].",
+                              " T UsbPostMsgFastClientCommand::ParseRequest(): Blob size is [4]."});
+}
+
+}  // namespace
