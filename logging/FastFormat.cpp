@@ -67,12 +67,12 @@ uint64_t Cut(uint64_t value, int size, bool isSigned) {
 }
 
 char* WriteNumber(char* out, uint64_t value, const Directive& directive) {
-    char digits[kMaxNumber];
-    char* end = digits;
+    char digits[kMaxNumber] = {};
     const bool isSigned = directive.conversion == 'd';
     const bool negative = isSigned && static_cast<int64_t>(value) < 0;
     if (negative) value = 0 - value;
-    end = std::to_chars(digits, digits + sizeof digits, value, isSigned || directive.conversion == 'u' ? 10 : 16).ptr;
+    const int base = isSigned || directive.conversion == 'u' ? 10 : 16;
+    char* const end = std::to_chars(digits, digits + sizeof digits, value, base).ptr;
     if (directive.conversion == 'X') {
         for (char* at = digits; at != end; ++at) {
             if (*at >= 'a') *at = static_cast<char>(*at - 'a' + 'A');

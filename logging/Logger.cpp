@@ -243,7 +243,7 @@ bool Logger::SetTraceKeyFallback(bool fallback) {
 RCPtr<LogWriter> Logger::AddWriter(int type) {
     KxMutexGuard guard(LoggerLock());
     if (IsStarted() || HasWriter(type)) return {};
-    const RCPtr<LogWriter> writer = MakeWriter(type);
+    RCPtr<LogWriter> writer = MakeWriter(type);
     if (!writer) return {};
     writer->logger = this;
     writers.emplace(type, writer);

@@ -73,7 +73,7 @@ RCPtr<Logger> LoggerManager::CreateLogger(const std::string& name, const std::st
     LoggerManager* const manager = GetInstance();
     if (name.empty() || manager->loggers.count(name) != 0) return {};
     if (!manager->messageManager) manager->messageManager = new LogMessageManager;
-    const RCPtr<Logger> logger(new Logger(name, componentName));
+    RCPtr<Logger> logger(new Logger(name, componentName));
     manager->loggers.emplace(name, logger);
     if (makeDefault) SetDefaultLogger(logger);
     return logger;
@@ -81,7 +81,7 @@ RCPtr<Logger> LoggerManager::CreateLogger(const std::string& name, const std::st
 
 RCPtr<KxPollThread> LoggerManager::GetPollThread() {
     KxMutexGuard guard(LoggerLock());
-    const RCPtr<KxPollThread> thread = GetInstance()->pollThread;
+    RCPtr<KxPollThread> thread = GetInstance()->pollThread;
     thread->StartScheduler();
     return thread;
 }

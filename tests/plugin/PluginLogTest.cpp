@@ -3,11 +3,11 @@
 
 #include <fstream>
 #include <iterator>
-#include <regex>
 #include <sstream>
 
 #include "plugin/UsbRedirectionLogger.h"
 #include "tests/plugin/PluginUnderTest.h"
+#include "tests/support/Pattern.h"
 
 namespace {
 
@@ -58,13 +58,14 @@ TEST_F(PluginLog, LiesInTheUsersFolderFromHeaderToLastLine) {
     Exit();
     std::string name;
     const Texts lines = TakeLog(&name);
-    EXPECT_TRUE(std::regex_match(name, std::regex("velmora-UsbRedirectionClient-0-" + std::to_string(getpid()) +
-                                                  R"(__\d{4}-\d\d-\d\d-\d\d-\d\d\.log)")))
+    EXPECT_TRUE(Finds(name, "^velmora-UsbRedirectionClient-0-" + std::to_string(getpid()) +
+                                "__\\d{4}-\\d\\d-\\d\\d-\\d\\d-\\d\\d\\.log$"))
         << name;
     ASSERT_GT(lines.size(), 10u);
-    const std::regex shape(
-        R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} <[0-9A-F]{8,}> \[[0-9A-F]{4,}\] [AEWIDTV] \S.*: .*)");
-    EXPECT_TRUE(std::regex_match(lines[0], shape)) << lines[0];
+    EXPECT_TRUE(Finds(lines[0],
+                      "^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3} <[0-9A-F]{8,}> \\[[0-9A-F]{4,}\\] "
+                      "[AEWIDTV] [^ ].*: "))
+        << lines[0];
     ExpectInOrder(lines, {" A Logger::LogStartupInfo(): version=", " A OS Version: Linux",
                           " A Time Zone: ", " A Log Level: INFO (read from )",
                           " I UsbRedirectionLogger::Start(): USBRedirection - Logger started with default FileWriter.",
