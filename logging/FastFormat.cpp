@@ -13,6 +13,7 @@ constexpr int kMaxNumber = 24;  // characters of the longest number, its sign in
 struct Directive {
     bool zeros = false;
     int width = 0;
+    bool hasLength = false;
     int size = sizeof(int);  // of an integer argument, in bytes
     char conversion = '\0';
 };
@@ -27,6 +28,7 @@ const char* Parse(const char* at, Directive* directive) {
         directive->width = directive->width * 10 + (*at - '0');
         if (directive->width > kMaxWidth) return nullptr;
     }
+    directive->hasLength = true;
     switch (*at) {
         case 'h':
             directive->size = at[1] == 'h' ? sizeof(char) : sizeof(short);
@@ -46,6 +48,7 @@ const char* Parse(const char* at, Directive* directive) {
             ++at;
             break;
         default:
+            directive->hasLength = false;
             break;
     }
     directive->conversion = *at;
@@ -124,7 +127,7 @@ int FastFormat(char* dst, size_t size, const char* format, va_list args) {
                 break;
             }
             case 's': {
-                if (directive.width != 0 || directive.zeros || directive.size != sizeof(int)) return -1;
+                if (directive.width != 0 || directive.zeros || directive.hasLength) return -1;
                 const char* string = va_arg(args, const char*);
                 if (!string) string = "(null)";
                 const size_t count = std::strlen(string);
@@ -134,7 +137,7 @@ int FastFormat(char* dst, size_t size, const char* format, va_list args) {
                 break;
             }
             case 'c':
-                if (directive.width != 0 || directive.zeros || directive.size != sizeof(int)) return -1;
+                if (directive.width != 0 || directive.zeros || directive.hasLength) return -1;
                 *out++ = static_cast<char>(va_arg(args, int));
                 break;
             case 'p': {
