@@ -6,6 +6,7 @@ differences within one run, say something about the code."""
 
 import json
 import os
+import re
 import statistics
 import sys
 
@@ -23,7 +24,7 @@ def load(name):
         for run in json.load(file)["benchmarks"]:
             if run.get("aggregate_name") != "median":
                 continue
-            name = run["run_name"].removesuffix("/real_time")
+            name = re.sub(r"/(real_time|manual_time|iterations:\d+)", "", run["run_name"])
             counters = {k: v for k, v in run.items() if k in ("allocations", "bytes_copied", "lines_per_second", "end_ns")}
             figures[name] = (run["real_time"] * scale[run["time_unit"]], counters)
     return figures
@@ -100,7 +101,7 @@ def poll():
         return
     print("## Poll thread\n")
     table(["what", "here", "libuv", "ratio", "at most"], rows)
-    turns = {count: figures[f"PollTurn/{count}/iterations:5/manual_time"][0] for count in (4, 16, 64)}
+    turns = {count: figures[f"PollTurn/{count}"][0] for count in (4, 16, 64)}
     slope = (turns[64] - turns[4]) / 60
     print("A turn that runs one item of " + ", ".join(f"{count}: {text(ns)}" for count, ns in turns.items())
           + f"; {slope:.0f} ns for each item more.\n")
@@ -115,14 +116,14 @@ def log_lines():
           "`fwrite` under a mutex.\n")
     rows = []
     for threads in (1, 4):
-        ours = figures[f"EnabledLine/Ours/{threads}/iterations:1/manual_time"]
+        ours = figures[f"EnabledLine/Ours/{threads}"]
         for name in ("SpdlogSync", "SpdlogAsync", "Glog", "Bare"):
-            peer = figures[f"EnabledLine/{name}/{threads}/iterations:1/manual_time"]
+            peer = figures[f"EnabledLine/{name}/{threads}"]
             rows.append([str(threads), text(ours[0]), name, text(peer[0]), f"{ours[0] / peer[0]:.2f}",
                          text(ours[1]["end_ns"]), text(peer[1]["end_ns"]),
                          f"{ours[1]['end_ns'] / peer[1]['end_ns']:.2f}"])
     table(["threads", "caller", "beside", "its caller", "ratio", "end to end", "its end to end", "ratio"], rows)
-    disabled = figures["DisabledLine/LOG"][0] - figures["DisabledLine/EmptyLoop"][0]
+    disabled = max(figures["DisabledLine/LOG"][0] - figures["DisabledLine/EmptyLoop"][0], 0)
     allocations = figures["EnabledLineAllocations"][1].get("allocations", 0)
     print(f"A disabled line costs {disabled:.2f} ns over an empty loop (at most 0.35) and evaluates nothing. Heap "
           f"allocations for an enabled\nline once the pool is warm: {allocations:.3f}.\n")
