@@ -69,6 +69,6 @@ private:
     int32_t level = 7;
     char* heapText = nullptr;  // from malloc
     int32_t heapCapacity = 0;
-    RCPtr<LogMessageBlock> block;    // set while the message is out of the pool
-    LogMessage* nextFree = nullptr;  // guarded by the pool's lock
+    LogMessageBlock* block = nullptr;  // set while the message is out of the pool; lives as long
+    LogMessage* nextFree = nullptr;    // guarded by the pool's lock
 };

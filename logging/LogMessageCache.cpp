@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "logging/Log.h"
 #include "logging/LoggerManager.h"
@@ -68,7 +69,7 @@ LogMessage* LogMessageCache::TakeFree() {
     LogMessage* const message = block->freeHead;
     block->freeHead = message->nextFree;
     --block->freeCount;
-    message->block = block;
+    message->block = block.Get();
     message->nextFree = nullptr;
     if (!block->freeHead) {
         block->freeTail = nullptr;
@@ -95,8 +96,9 @@ bool LogMessageCache::AddBlock(const char* function) {
 
 // A full block comes to the front as soon as it has a free message, so that the search for one ends at once.
 void LogMessageCache::ReturnMessage(LogMessage* message) {
-    const RCPtr<LogMessageBlock> block(std::move(message->block));  // goes after the lock: it may be the last reference
+    RCPtr<LogMessageBlock> last;  // goes after the lock
     KxMutexGuard guard(lock);
+    LogMessageBlock* const block = std::exchange(message->block, nullptr);
     message->nextFree = nullptr;
     if (block->freeTail) {
         block->freeTail->nextFree = message;
@@ -105,7 +107,16 @@ void LogMessageCache::ReturnMessage(LogMessage* message) {
         if (block->position != blocks.end()) blocks.splice(blocks.begin(), blocks, block->position);
     }
     block->freeTail = message;
-    if (++block->freeCount == LogMessageBlock::kMessages) block->idleTimer.GetTimerCount(KxTimer::Mode::Start, 0);
+    if (++block->freeCount < LogMessageBlock::kMessages) return;
+    block->idleTimer.GetTimerCount(KxTimer::Mode::Start, 0);
+    last = std::move(block->self);
+}
+
+// The caller's hold of the pool keeps it, should the last of a removed block's messages be among them.
+void LogMessageCache::ReturnMessages(std::span<RCPtr<LogMessage>> messages) {
+    const RCPtr<LogMessageCache> kept(this);
+    KxMutexGuard guard(lock);
+    for (RCPtr<LogMessage>& message : messages) message = nullptr;
 }
 
 void LogMessageCache::OnBlockReleaseTimer(int64 now) {
@@ -142,7 +153,10 @@ void LogMessageCache::ReleaseBlocks() {
     if (timer) timer->RemoveFromPollThread(true);
     std::list<RCPtr<LogMessageBlock>> released;  // goes after the lock
     KxMutexGuard guard(lock);
-    for (const RCPtr<LogMessageBlock>& block : blocks) block->position = blocks.end();
+    for (const RCPtr<LogMessageBlock>& block : blocks) {
+        block->position = blocks.end();
+        if (block->freeCount < LogMessageBlock::kMessages) block->self = block;
+    }
     released.swap(blocks);
 }
 

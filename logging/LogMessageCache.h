@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <list>
+#include <span>
 
 #include "logging/LogMessage.h"
 #include "runtime/KxMutex.h"
@@ -32,7 +33,8 @@ private:
     int32_t freeCount = 0;
     KxElapsedTimer idleTimer;  // since all messages were free
     const RCPtr<LogMessageCache> cache;
-    Position position;  // its place among the blocks, their end after removal
+    Position position;            // its place among the blocks, their end after removal
+    RCPtr<LogMessageBlock> self;  // from its removal until the last message that is out returns
 };
 
 // Any thread may take and return messages. The pool's lock is never held across a call into the logger, and the log
@@ -52,6 +54,9 @@ public:
     // way are reported ahead of the next message.
     LogMessage* NewMessage() EXCLUDES(lock);
     void ReturnMessage(LogMessage* message) EXCLUDES(lock);
+
+    // Empties all of messages: as if one by one, but those that return to the pool do so in one hold of its lock.
+    void ReturnMessages(std::span<RCPtr<LogMessage>> messages) EXCLUDES(lock);
 
     // Gives one block back, if there is one that has been idle for long enough. now is a count of the timers' clock,
     // 0 to read it.

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -15,11 +16,14 @@ public:
     size_t Size() const { return lines.size() - head; }
     bool Empty() const { return Size() == 0; }
 
-    void Push(const RCPtr<LogMessage>& message) { lines.push_back(message); }
+    void Push(RCPtr<LogMessage>&& message) { lines.push_back(std::move(message)); }
 
-    // Takes the oldest; the queue isn't empty.
-    RCPtr<LogMessage> Pop() {
-        RCPtr<LogMessage> message = std::move(lines[head++]);
+    // The oldest, count of them or as many as there are; until the next Push or Drop.
+    std::span<RCPtr<LogMessage>> Oldest(size_t count) { return {lines.data() + head, std::min(count, Size())}; }
+
+    // Takes away the oldest; there are that many.
+    void Drop(size_t count) {
+        head += count;
         if (head == lines.size()) {
             head = 0;
             lines.clear();
@@ -28,7 +32,6 @@ public:
             lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(head));
             head = 0;
         }
-        return message;
     }
 
 private:

@@ -21,6 +21,7 @@ constexpr int kFunctionNameSize = 128;
 constexpr size_t kNoLimit = std::numeric_limits<size_t>::max();
 constexpr size_t kBatchStep = 100;   // lines between two drains in batch mode
 constexpr size_t kBatchLimit = 200;  // lines that one of them writes
+constexpr size_t kReturnBatch = 32;  // messages that a drain gives back at once
 
 // Writes into a buffer that has been found large enough.
 struct Cursor {
@@ -129,7 +130,7 @@ int LogWriter::FormatPrefix(char* buffer, int size, const char* function, int le
     return length;
 }
 
-bool LogWriter::Write(const RCPtr<LogMessage>& message) {
+bool LogWriter::Write(RCPtr<LogMessage> message) {
     Queue& queue = queues[currentQueue];
     if (!IsEnabled()) {
         ++queue.dropped;
@@ -145,7 +146,7 @@ bool LogWriter::Write(const RCPtr<LogMessage>& message) {
         ++queue.dropped;
         return false;
     }
-    queue.lines.Push(message);
+    queue.lines.Push(std::move(message));
     const size_t length = queue.lines.Size();
     if (batchMode) {
         if (length % kBatchStep == 0) DrainQueue(currentQueue, kBatchLimit);
@@ -179,7 +180,13 @@ void LogWriter::DrainQueue(int index, size_t limit) {
     LogQueue& lines = queues[index].lines;
     if (limit < 1 || lines.Empty()) return;
     BeginWrite();
-    for (size_t written = 0; written < limit && !lines.Empty(); ++written) WriteMessage(lines.Pop());
+    for (size_t left = std::min(limit, lines.Size()); left > 0;) {
+        const std::span<RCPtr<LogMessage>> batch = lines.Oldest(std::min(left, kReturnBatch));
+        for (const RCPtr<LogMessage>& message : batch) WriteMessage(message);
+        logger->ReturnMessages(batch);
+        lines.Drop(batch.size());
+        left -= batch.size();
+    }
     ReportDropped(index);
     EndWrite();
 }

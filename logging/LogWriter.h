@@ -48,7 +48,7 @@ public:
     bool Stop();
 
     // The door for a log call. False if the line was dropped; dropped lines are counted and reported.
-    bool Write(const RCPtr<LogMessage>& message) REQUIRES(LoggerLock());
+    bool Write(RCPtr<LogMessage> message) REQUIRES(LoggerLock());
 
     bool SetEnabled(bool value);
     bool SetBuffering(bool value);

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "logging/ConfigSettingsReader.h"
+#include "logging/FastFormat.h"
 #include "logging/FileWriter.h"
 #include "logging/LogMessageCache.h"
 #include "logging/LoggerManager.h"
@@ -97,15 +98,47 @@ Logger::Logger(const std::string& name, const std::string& componentName)
 
 Logger::~Logger() = default;
 
+// What a line says, formatted ahead of the log lock where that can be done on the stack.
+class Logger::LineText {
+public:
+    LineText(const char* format, va_list args) : format(format) {
+        va_copy(this->args, args);
+        va_list now;
+        va_copy(now, args);
+        length = FastFormat(text, sizeof text, format, now);
+        va_end(now);
+    }
+    ~LineText() { va_end(args); }
+    LineText(const LineText&) = delete;
+    LineText& operator=(const LineText&) = delete;
+
+    void AppendTo(LogMessage& message) {
+        if (length >= 0) {
+            message.Append(text, length, true);
+            return;
+        }
+        va_list now;
+        va_copy(now, args);
+        message.Format(format, now, true);
+        va_end(now);
+    }
+
+private:
+    const char* const format;
+    va_list args;
+    char text[480];
+    int length;
+};
+
 // Writes on logger, null for the default one, unless this is a log call within a log call.
 template <typename Write>
 void Logger::LogOn(Logger* logger, Write write) {
     LoggerManager* const manager = LoggerManager::Existing();
     if (!manager) return;
     KxMutexGuard guard(LoggerLock());
-    const RCPtr<Logger> held(logger ? logger : manager->defaultLogger.Get());
+    if (!logger) logger = manager->defaultLogger.Get();  // the manager holds it, and changes under the lock alone
     const DepthScope depth;
-    if (!depth.IsNested() && held) write(*held);
+    if (!depth.IsNested() && logger) write(*logger);
 }
 
 void Logger::Log(const char* function, int level, const char* format, ...) {
@@ -117,7 +150,8 @@ void Logger::Log(const char* function, int level, const char* format, ...) {
 
 void Logger::LogV(const char* function, int level, const char* format, va_list args) {
     ShowSink(function, level, format, args);
-    LogOn(nullptr, [&](Logger& logger) { logger.WriteLineTo(nullptr, function, level, format, args); });
+    LineText text(format, args);
+    LogOn(nullptr, [&](Logger& logger) { logger.WriteLineTo(nullptr, function, level, text); });
 }
 
 void Logger::LogHex(const char* function, int level, const void* data, int length) {
@@ -132,7 +166,8 @@ void Logger::LogLine(const char* function, int level, const char* format, ...) {
 }
 
 void Logger::LogLineV(const char* function, int level, const char* format, va_list args) {
-    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(nullptr, function, level, format, args); });
+    LineText text(format, args);
+    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(nullptr, function, level, text); });
 }
 
 void Logger::LogHexLine(const char* function, int level, const void* data, int length) {
@@ -142,29 +177,31 @@ void Logger::LogHexLine(const char* function, int level, const void* data, int l
 void Logger::LogToWriter(const char* function, int level, int writerType, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const std::set<int> types{writerType};
-    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(&types, function, level, format, args); });
+    LineText text(format, args);
     va_end(args);
+    const std::set<int> types{writerType};
+    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(&types, function, level, text); });
 }
 
 void Logger::LogToWriters(const char* function, int level, const std::set<int>& writerTypes, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(&writerTypes, function, level, format, args); });
+    LineText text(format, args);
     va_end(args);
+    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(&writerTypes, function, level, text); });
 }
 
-void Logger::WriteLineTo(const std::set<int>* types, const char* function, int lineLevel, const char* format,
-                         va_list args) {
+void Logger::WriteLineTo(const std::set<int>* types, const char* function, int lineLevel, LineText& text) {
     if (!Accepts(lineLevel)) return;
-    WriteTo(types, function, lineLevel, [&](LogMessage& message, int) { message.Format(format, args, true); });
+    WriteTo(types, function, lineLevel, [&](LogMessage& message, int) { text.AppendTo(message); });
 }
 
 void Logger::WriteText(const char* function, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    WriteLineTo(nullptr, function, kLogAlways, format, args);
+    LineText text(format, args);
     va_end(args);
+    WriteLineTo(nullptr, function, kLogAlways, text);
 }
 
 void Logger::WriteHex(const char* function, int lineLevel, const void* data, int length) {
@@ -191,7 +228,7 @@ void Logger::WriteTo(const std::set<int>* types, const char* function, int lineL
     };
     auto entry = std::find_if(writers.begin(), writers.end(), isMeant);
     if (entry == writers.end()) return;
-    const RCPtr<LogMessage> message = NewMessage(lineLevel, nullptr, 0);
+    RCPtr<LogMessage> message = NewMessage(lineLevel, nullptr, 0);
     if (!message) return;
     if (message->Length() > 0) message->Reserve(message->Length() + kPrefixRoom, 0);
     int room;
@@ -200,8 +237,10 @@ void Logger::WriteTo(const std::set<int>* types, const char* function, int lineL
     message->SetLength(width, true);
     const char* const lineBreak = static_cast<const char*>(std::memchr(prefix, '\n', static_cast<size_t>(width)));
     append(*message, lineBreak ? static_cast<int>(prefix + width - lineBreak) - 1 : width);
-    for (; entry != writers.end(); entry = std::find_if(std::next(entry), writers.end(), isMeant)) {
-        entry->second->Write(message);
+    while (entry != writers.end()) {
+        LogWriter& writer = *entry->second;
+        entry = std::find_if(std::next(entry), writers.end(), isMeant);
+        writer.Write(entry == writers.end() ? std::move(message) : message);
     }
 }
 
@@ -307,6 +346,10 @@ void Logger::LogStartupInfo() {
 
 const char* Logger::GetLevelName() {
     return LogLevelName(GetLevel());
+}
+
+void Logger::ReturnMessages(std::span<RCPtr<LogMessage>> messages) {
+    messageManager->Cache().ReturnMessages(messages);
 }
 
 RCPtr<LogMessage> Logger::NewMessage(int messageLevel, const char* text, int length) {

@@ -6,6 +6,7 @@
 #include <list>
 #include <map>
 #include <set>
+#include <span>
 #include <string>
 
 #include "logging/LogLevel.h"
@@ -100,6 +101,9 @@ public:
     // A message of the pool, with text (may be null; length -1: up to its end); null if there is no memory.
     RCPtr<LogMessage> NewMessage(int messageLevel, const char* text, int length);
 
+    // Empties all of messages, for less than one by one.
+    void ReturnMessages(std::span<RCPtr<LogMessage>> messages);
+
     // Shows every line to sink until it is set to null, and keeps gLogLevel at sinkLevel at least. A line that sink
     // itself causes is dropped. Returns after calls of the earlier sink have ended.
     static void SetSink(LogSink sink, void* context, int sinkLevel);
@@ -109,6 +113,7 @@ public:
 
 private:
     friend class LoggerManager;
+    class LineText;
 
     bool Accepts(int lineLevel) const { return IsStarted() && lineLevel <= GetLevel(); }
     // Callers hold the log lock, which the analysis doesn't see through LogOn.
@@ -118,8 +123,7 @@ private:
     void WriteText(const char* function, const char* format, ...) __attribute__((format(printf, 3, 4)));
     template <typename Write>
     static void LogOn(Logger* logger, Write write);
-    void WriteLineTo(const std::set<int>* types, const char* function, int lineLevel, const char* format, va_list args)
-        __attribute__((format(printf, 5, 0)));
+    void WriteLineTo(const std::set<int>* types, const char* function, int lineLevel, LineText& text);
     void WriteHex(const char* function, int lineLevel, const void* data, int length);
 
     void ApplyLevelSettings(const RCPtr<SettingsReader>& reader);

@@ -8,8 +8,9 @@
 
 namespace {
 
-// The locks of the system are mostly held for less than a sleep and a wake-up cost.
-constexpr int kSpins = 50;
+// A few: a waiter that sleeps leaves the holder a lock of its own, and measures well ahead of one that spins for
+// longer and then takes the lock away with each line that is logged.
+constexpr int kSpins = 4;
 
 constexpr char kAcquireSignature[] = "bool KxMutex::Acquire(DWORD)";
 
