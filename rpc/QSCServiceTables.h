@@ -25,6 +25,15 @@ struct QSCService_ChannelNotifySink {
     void (*OnPeerChannelObjectCreated)(void* context, const char* name, void* reserved);
 };
 
+// Published for the length of OpenMsgChannel only: the service copies it. What the words a, b and c say is between the
+// two users of a message channel and the service.
+struct QSCService_MsgChannelNotifySink {
+    uintptr_t version;  // 1
+    Bool (*QscOnMsgChannelOpened)(void* context, QscMsgChannelID channel);
+    void (*unused2)();  // does nothing
+    void (*QscOnMsgChannelPeerOpened)(void* context, void* a, QscMsgChannelID peer, void* b, void* c);
+};
+
 struct QSCRPC_ObjectNotifySink {
     uintptr_t version;  // 1
     void (*OnMsgInvoke)(void* context, void* hContext, void* reserved);
@@ -37,7 +46,10 @@ struct QSCRPC_ContextNotifySink {
     void (*OnMsgAbort)(void* context, uint32_t requestId, Bool flag, uint32_t reason);
 };
 
-// Tables of the service.
+// A record of the service, which fills it; only its users look into it.
+struct QSCService_MsgChannelInfo;
+
+// Tables of the service. Where 1 is success, no other value is.
 
 struct QSCService_ChannelInterface {
     void* unused0[3];
@@ -125,15 +137,16 @@ struct QSCService_ServerInterface {
     Bool (*RegisterServerNotifySink)(void* context, const QSCService_ServerNotifySink* sink, void* hMultiServer,
                                      uint32_t* cookie);
     Bool (*UnregisterServerNotifySink)(uint32_t cookie);
-    Bool (*StartServer)(void* context, QscServerID id);
-    Bool (*StopServer)(QscServerID id);
-    Bool (*StopAllServers)(QscServerID id);
+    Bool (*StartServer)(void* context, QscServerID id);  // 1 on success
+    Bool (*StopServer)(QscServerID id);                  // 1 on success
+    Bool (*StopAllServers)(QscServerID id);              // 1 on success
     void* (*GetServerChannel)(QscServerID id);
     int (*GetUniqueSerializedIdSize)(QscServerID id);
     Bool (*GetUniqueSerializedId)(QscServerID id, int size, char* buffer);
     Bool (*IsUniqueSerializedIdOwner)(QscServerID id, const char* serializedId);
-    Bool (*OpenMsgChannel)(void* context, QscServerID id, const char* name, const void* sink);
-    Bool (*GetMsgChannelInfo)(QscServerID id, QscMsgChannelID channel, void* info);
+    Bool (*OpenMsgChannel)(void* context, QscServerID id, const char* name,
+                           const QSCService_MsgChannelNotifySink* sink);
+    Bool (*GetMsgChannelInfo)(QscServerID id, QscMsgChannelID channel, QSCService_MsgChannelInfo* info);
     Bool (*CloseMsgChannel)(QscMsgChannelID channel);
     void* unused13;
     Bool (*SendMsgChannel)(QscMsgChannelID channel, void* a, void* b, void* c);
@@ -177,5 +190,6 @@ QSC_ASSERT_WORD(QSCService_ServerInterface, SendMsgChannel, 14);
 
 static_assert(sizeof(QSCService_ServerNotifySink) == 5 * sizeof(void*));
 static_assert(sizeof(QSCService_ChannelNotifySink) == 4 * sizeof(void*));
+static_assert(sizeof(QSCService_MsgChannelNotifySink) == 4 * sizeof(void*));
 static_assert(sizeof(QSCRPC_ObjectNotifySink) == 3 * sizeof(void*));
 static_assert(sizeof(QSCRPC_ContextNotifySink) == 3 * sizeof(void*));

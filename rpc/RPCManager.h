@@ -89,6 +89,36 @@ public:
     bool ClientInit(const QSC_SERVICE_QUERY_INTERFACE* query);
     bool ClientExit();
 
+    // The server modes, for a process that loads the service itself; the first start loads it, for the manager's life.
+    // All are for one thread at a time, the starting one being that on which waits feed the service. Each failure has
+    // its ERROR line and leaves the manager ready for another try; a start that fails after the service's own is undone
+    // there.
+
+    // Single mode: offers one channel, for rpcPlugin (not null), in the process's own session, which is its process
+    // group, or in a given one, -1 for none. With msTimeoutReady, in milliseconds, not 0 it also waits for the channel
+    // to be ready and fails if it is refused or not ready in time; with 0 it returns at once and OnServerInit is never
+    // called. lowPriv counts without a session only. After a failure use a new instance: the failed one may stay
+    // registered with what the service had made for it.
+    bool ServerInit(RPCPluginInstance* rpcPlugin, uint32_t msTimeoutReady, bool lowPriv);
+    bool ServerInitForSession(DWORD sessionId, RPCPluginInstance* rpcPlugin, uint32_t msTimeoutReady);
+
+    // Gives pending messages a second and takes the channel down, unless exitOnDifferentThread leaves both to the
+    // caller. False, with nothing changed, for another instance than the one of the start.
+    bool ServerExit(RPCPluginInstance* rpcPlugin);
+    bool ServerExitForSession(DWORD sessionId, RPCPluginInstance* rpcPlugin, bool exitOnDifferentThread);
+
+    // Multi-server mode: the service reports server connections one by one to OnServerConnected, and makes an instance
+    // for each that is started. For a counted manager on the heap, which is held until MultiServerExit; that drops all
+    // instances, and passes reserved on unread. Not to be called from a callback of the service.
+    bool MultiServerInit(DWORD sessionId);
+    bool MultiServerExit(DWORD sessionId, void* reserved);
+
+    // Have the service make the instance of a server connection, take it down, and take all down. False without the
+    // server table, after an ERROR line, and if the service refuses.
+    bool StartServer(QscServerID id);
+    bool StopServer(QscServerID id);
+    bool StopAllServers(QscServerID id);
+
     // Fetches the service's tables, newest version first. An older version leaves later words null. A table that the
     // service doesn't give keeps what an earlier init left in it, but for that of stream data, which is zeroed.
     bool Init(bool isServer, const QSC_SERVICE_QUERY_INTERFACE* query);
@@ -167,7 +197,22 @@ private:
     };
 
     void FillCallbackTables();
+
+    // The steps of the server modes. Those that take a signature log under it. After CallServerInit has succeeded,
+    // QSCServiceServerExit undoes it.
+    bool LoadQscService();
     void CloseQscService();
+    bool ServerInitImp(DWORD sessionId, const RCPtr<RPCPluginInstance>& rpcPlugin, uint32_t msTimeoutReady,
+                       bool multiServerMode, bool lowPriv);
+    bool CallServerInit(const char* signature, DWORD sessionId, bool multiServerMode, bool lowPriv,
+                        QSC_SERVICE_QUERY_INTERFACE* query, void** hChannel);
+    bool BindServer(const char* signature, const QSC_SERVICE_QUERY_INTERFACE& query, bool multiServerMode);
+    bool StartSingleServer(const char* signature, const RCPtr<RPCPluginInstance>& rpcPlugin, void* hChannel,
+                           uint32_t msTimeoutReady);
+    bool StartMultiServer(const char* signature);
+    bool QSCServiceServerExit(DWORD sessionId, void* reserved);
+    bool ServerExitImp(DWORD sessionId, const RCPtr<RPCPluginInstance>& rpcPlugin, bool exitOnDifferentThread);
+    bool InstanceExitImp(const RCPtr<RPCPluginInstance>& instance, bool exitOnDifferentThread);
 
     void AssignHandle();
     void RemoveHandle(const char* signature);

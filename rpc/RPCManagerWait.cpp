@@ -61,7 +61,7 @@ bool RPCManager::IsEmptyWaitRefused(const char* signature, const std::vector<KxE
 }
 
 int RPCManager::WaitMultiple(std::vector<KxEvent*>& events, bool waitAll, uint32_t msTimeout, bool alertable) {
-    FUNCTION_TRACE(Trace, "%s(0x%p)", m_name, Handle());
+    FUNCTION_TRACE(Info, "%s(0x%p)", m_name, Handle());
     WaitTime time(msTimeout);
     const bool onInitThread = IsInitThread();
     if (IsEmptyWaitRefused(__PRETTY_FUNCTION__, events, onInitThread)) return kWaitFailed;
@@ -79,7 +79,7 @@ int RPCManager::WaitMultiple(std::vector<KxEvent*>& events, bool waitAll, uint32
 }
 
 int RPCManager::PollWaitMultiple(std::vector<KxEvent*>& events, bool waitAll, uint32_t msTimeout, bool alertable) {
-    FUNCTION_TRACE(Trace, "%s(0x%p)", m_name, Handle());
+    FUNCTION_TRACE(Info, "%s(0x%p)", m_name, Handle());
     if (!m_channelTable.v3.Poll) {
         LOG(Error, "Please upgrade qscservice to support v3.Poll\n");
         return kWaitFailed;
@@ -102,14 +102,14 @@ int RPCManager::PollWaitMultiple(std::vector<KxEvent*>& events, bool waitAll, ui
 }
 
 bool RPCManager::WaitForEvent(KxEvent* event, uint32_t msTimeout) {
-    FUNCTION_TRACE(Trace, "%s(0x%p)", m_name, Handle());
+    FUNCTION_TRACE(Info, "%s(0x%p)", m_name, Handle());
     std::vector<KxEvent*> events;
     if (event) events.push_back(event);
     return WaitMultiple(events, false, msTimeout, false) == kWaitSignaled;
 }
 
 void RPCManager::SleepPumping(uint32_t msTimeout) {
-    FUNCTION_TRACE(Trace, "%s(0x%p)", m_name, Handle());
+    FUNCTION_TRACE(Info, "%s(0x%p)", m_name, Handle());
     std::vector<KxEvent*> none;
     WaitMultiple(none, false, msTimeout, false);
 }

@@ -56,7 +56,7 @@ RCPtr<RPCManager> RPCPluginInstance::RequireManager(const char* signature) const
 }
 
 bool RPCPluginInstance::RefusesStreamData(const char* signature, const char* refusal) const {
-    if (!m_streamDataMode.load(std::memory_order_relaxed)) return false;
+    if (!IsStreamDataMode()) return false;
     LOG_AS(signature, Error, "%s", refusal);
     return true;
 }

@@ -98,6 +98,31 @@ public:
     // True once no request is pending.
     bool WaitForPendingMessages(uint32_t msTimeout);
 
+    // Message channels: named channels beside the two objects, for which the manager needs the server table (see
+    // RPCManager::SetServerInterface). A handle is good from OpenMsgChannel to CloseMsgChannel; a stale one gives false
+    // or null quietly. What the words a, b and c say is between the two users and the service.
+
+    // Null if the service refuses, after an ERROR line, and silently without the table. OnMsgChannelReady tells when
+    // the channel is open, possibly before this returns.
+    void* OpenMsgChannel(const char* name);
+    // The handle is gone afterwards in any case; true if the service has closed the channel.
+    bool CloseMsgChannel(void* handle);
+    bool SendMsgChannel(void* handle, void* a, void* b, void* c);
+    bool IsMsgChannelOpened(void* handle);
+    // Has the service fill info for a peer that OnMsgChannelPeerOpened told of, for an own channel by its handle, or
+    // for any other id as it stands. False for an own channel that isn't open yet, after a WARN line.
+    bool GetMsgChannelInfo(QscMsgChannelID id, QSCService_MsgChannelInfo* info);
+
+    // The text by which the service tells this server connection from all others. size is that of buffer in bytes. 0,
+    // after a WARN line, without the service's operation.
+    int GetUniqueSerializedIdSize();
+    Bool GetUniqueSerializedId(int size, char* buffer);
+    Bool IsUniqueSerializedIdOwner(const char* id);
+
+    // Gives up messages for a stream of bytes: the descriptor, which the caller owns and closes, or 0 after an ERROR
+    // line. There is no way back: the operations on the channel, the objects and the waits refuse from then on.
+    int SwitchToStreamDataMode();
+
     // The manager's tables, null if the manager is gone. They live as long as the manager.
     const QSCRPC_ChannelContextInterface* GetChannelContextInterface() const;
     const QSCRPC_VariantInterface* GetVariantInterface() const;
@@ -127,9 +152,15 @@ private:
     struct Operation;
     RCPtr<RPCManager> RequireManager(const char* signature) const;
 
+    // The service's callbacks of a message channel; context is the handle of it.
+    static Bool QscOnMsgChannelOpened(void* context, QscMsgChannelID id) noexcept;
+    static void QscOnMsgChannelPeerOpened(void* context, void* a, QscMsgChannelID peer, void* b, void* c) noexcept;
+    bool IsPeerMsgChannel(QscMsgChannelID id) EXCLUDES(m_stateMutex);
+
     // Null for a handle whose instance is gone.
     static RCPtr<RPCPluginInstance> FindByHandle(void* handle);
     void* Handle() const;
+    bool IsStreamDataMode() const { return m_streamDataMode.load(std::memory_order_relaxed); }
     bool RefusesStreamData(const char* signature, const char* refusal) const;
     bool TakeServiceReference() { return m_heldByService.exchange(false, std::memory_order_acq_rel); }
 
@@ -207,9 +238,9 @@ private:
     std::atomic<int32_t> m_pendingCount{0};    // requests sent and not closed; a lone read needs no order: relaxed
     KxEvent m_readyEvent{true, false, ""};     // signaled while m_ready
     KxEvent m_rejectedEvent{true, false, ""};
-    QscServerID m_hServerId = nullptr;  // null on a client
-    uint32_t m_handle = 0;              // key in the instance map
-    std::vector<QscMsgChannelID> m_peerMsgChannels;
-    std::list<PendingRequest> m_pendingRequests GUARDED_BY(m_mutex);  // in sending order
+    QscServerID m_hServerId = nullptr;                                        // null on a client
+    uint32_t m_handle = 0;                                                    // key in the instance map
+    std::vector<QscMsgChannelID> m_peerMsgChannels GUARDED_BY(m_stateMutex);  // all that were ever seen
+    std::list<PendingRequest> m_pendingRequests GUARDED_BY(m_mutex);          // in sending order
     std::atomic<bool> m_heldByService{false};  // the service's reference; whoever clears it releases
 };

@@ -55,9 +55,9 @@ bool RPCPluginInstance::CreateMessage(void** hContext, RPCChannelType type) {
 }
 
 bool RPCPluginInstance::CreateExtMessage(void** hContext, RPCChannelType type, uint32_t options) {
-    if (options == 0) return CreateMessage(hContext, type);
     const Operation operation(kLogTrace, __PRETTY_FUNCTION__, *this);
     if (!operation) return false;
+    if (options == 0) return CreateMessage(hContext, type);
     const auto createContextEx = operation.manager->m_objectTable.CreateContextEx;
     if (!createContextEx) {
         LOG(Error, "Failed to create message (API not available for 0x%x)\n", options);
@@ -129,7 +129,6 @@ bool RPCPluginInstance::InvokeMessage(void* hContext, Bool expectResponse, RPCCh
     char pending[kPendingTextSize];
     pending[0] = '\0';
     UpdatePendingCount(expectResponse ? 1 : 0, LogEnabled(kLogTrace) ? pending : nullptr, sizeof pending);
-    if (*pending) operation.trace.SetExitMessage(kLogTrace, "%s", pending);
     const uint32_t requestId = manager.m_contextTable.GetId(hContext);
     std::optional<KxElapsedTimer> sentTimer;
     if (expectResponse) sentTimer.emplace();
@@ -142,6 +141,7 @@ bool RPCPluginInstance::InvokeMessage(void* hContext, Bool expectResponse, RPCCh
         KxMutexGuard guard(m_mutex);
         m_pendingRequests.push_back({requestId, *sentTimer});
     }
+    if (*pending) operation.trace.SetExitMessage(kLogTrace, "%s", pending);
     return true;
 }
 

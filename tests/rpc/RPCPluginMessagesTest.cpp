@@ -151,6 +151,40 @@ TEST_F(RPCPluginMessagesTest, FailuresOfTheServiceAreTold) {
     EXPECT_TRUE(Post());
 }
 
+TEST_F(RPCPluginMessagesTest, EachOperationOnAMessageIsTracedAtTrace) {
+    StartReady();
+    void* message = nullptr;
+    uint32_t options = 0;
+    const auto traced = [&](auto operation) {
+        log.Clear();
+        operation();
+        Names lines;
+        for (const LogCapture::Line& line : log.Lines()) {
+            const size_t name = line.function.find("::") + 2;
+            if (line.level != kLogTrace || line.function.find("RPCPluginInstance::") == std::string::npos) continue;
+            lines.push_back(line.function.substr(name, line.function.find('(') - name) + " " +
+                            line.text.substr(0, line.text.find(" - Test")));
+        }
+        return lines;
+    };
+    EXPECT_EQ(traced([&] { instance->CreateMessage(&message, RPCChannelType::Data); }),
+              (Names{"CreateMessage Enter", "CreateMessage Exit\n"}));
+    EXPECT_EQ(traced([&] { instance->CreateExtMessage(&message, RPCChannelType::Data, 4); }),
+              (Names{"CreateExtMessage Enter", "CreateExtMessage Exit\n"}));
+    EXPECT_EQ(
+        traced([&] { instance->CreateExtMessage(&message, RPCChannelType::Data, 0); }),
+        (Names{"CreateExtMessage Enter", "CreateMessage Enter", "CreateMessage Exit\n", "CreateExtMessage Exit\n"}));
+    EXPECT_EQ(traced([&] { instance->GetChannelOptions(RPCChannelType::Data, &options); }),
+              (Names{"GetChannelOptions Enter", "GetChannelOptions Exit\n"}));
+    EXPECT_EQ(traced([&] { instance->InvokeMessage(&service, TRUE, RPCChannelType::Data); }),
+              (Names{"InvokeMessage Enter", "InvokeMessage Exit -  (1 message pending)"}));
+    service.Fail("Invoke");
+    EXPECT_EQ(traced([&] { instance->InvokeMessage(&service, TRUE, RPCChannelType::Data); }),
+              (Names{"InvokeMessage Enter", "InvokeMessage Exit\n"}));
+    EXPECT_EQ(traced([&] { instance->DestroyMessage(&service); }),
+              (Names{"DestroyMessage Enter", "DestroyMessage Exit\n"}));
+}
+
 TEST_F(RPCPluginMessagesTest, RequestsArePendingUntilTheyAreClosed) {
     StartReady();
     const uint32_t first = Request();
