@@ -137,6 +137,9 @@ protected:
     // Writes a text for diagnostics into text, cut to textSize bytes, unless that is null. Returns the new count.
     int UpdatePendingCount(int delta, char* text, int textSize);
 
+    // Milliseconds since the oldest request that is pending was sent; 0 when none is.
+    uint64 OldestPendingMS();
+
 private:
     friend class RPCManager;
     friend class RPCVariant;

@@ -172,6 +172,11 @@ int RPCPluginInstance::UpdatePendingCount(int delta, char* text, int textSize) {
     return count;
 }
 
+uint64 RPCPluginInstance::OldestPendingMS() {
+    KxMutexGuard guard(m_mutex);
+    return m_pendingRequests.empty() ? 0 : m_pendingRequests.front().sentTimer.GetTimerMS(KxTimer::Mode::Read, 0);
+}
+
 void RPCPluginInstance::CloseRequest(const char* signature, RPCManager& manager, uint32_t requestId) {
     KxMutexGuard guard(m_mutex);
     const auto closed = std::find_if(m_pendingRequests.begin(), m_pendingRequests.end(),

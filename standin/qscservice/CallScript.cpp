@@ -44,6 +44,19 @@ const char* OpName(Op op) {
         "VariantInit",
         "VariantClear",
         "VariantFrom",
+        "RegisterServerNotifySink",
+        "UnregisterServerNotifySink",
+        "StartServer",
+        "StopServer",
+        "StopAllServers",
+        "GetServerChannel",
+        "GetUniqueSerializedIdSize",
+        "GetUniqueSerializedId",
+        "IsUniqueSerializedIdOwner",
+        "OpenMsgChannel",
+        "GetMsgChannelInfo",
+        "CloseMsgChannel",
+        "SendMsgChannel",
     };
     static_assert(std::size(kNames) == static_cast<size_t>(Op::kCount));
     return op < Op::kCount ? kNames[static_cast<size_t>(op)] : "unknown";

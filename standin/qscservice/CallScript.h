@@ -49,6 +49,19 @@ enum class Op {
     VariantInit,
     VariantClear,
     VariantFrom,  // any of the eleven VariantFrom... words
+    RegisterServerNotifySink,
+    UnregisterServerNotifySink,
+    StartServer,
+    StopServer,
+    StopAllServers,
+    GetServerChannel,
+    GetUniqueSerializedIdSize,
+    GetUniqueSerializedId,
+    IsUniqueSerializedIdOwner,
+    OpenMsgChannel,
+    GetMsgChannelInfo,
+    CloseMsgChannel,
+    SendMsgChannel,
     kCount,
 };
 

@@ -51,6 +51,24 @@ void* Registry::NewHandle() {
     return reinterpret_cast<void*>(std::exchange(m_nextHandle, m_nextHandle + 2));
 }
 
+QscMsgChannelID Registry::AddMsgChannel(const std::shared_ptr<ServiceChannel>& channel) {
+    const QscMsgChannelID id = NewHandle();
+    Lock lock(m_mutex);
+    m_msgChannels[id] = channel;
+    return id;
+}
+
+std::shared_ptr<ServiceChannel> Registry::FindMsgChannel(QscMsgChannelID id) {
+    Lock lock(m_mutex);
+    const auto found = m_msgChannels.find(id);
+    return found != m_msgChannels.end() ? found->second.lock() : nullptr;
+}
+
+void Registry::RemoveMsgChannel(QscMsgChannelID id) {
+    Lock lock(m_mutex);
+    m_msgChannels.erase(id);
+}
+
 void Registry::AddObject(const std::shared_ptr<ChannelObject>& object) {
     Lock lock(m_mutex);
     m_objects[object->handle] = object;

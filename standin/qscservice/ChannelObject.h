@@ -43,6 +43,9 @@ public:
     std::shared_ptr<ServiceChannel> RemoveSink(uint32_t cookie);
 
     void* NewHandle();
+    QscMsgChannelID AddMsgChannel(const std::shared_ptr<ServiceChannel>& channel);
+    std::shared_ptr<ServiceChannel> FindMsgChannel(QscMsgChannelID id);
+    void RemoveMsgChannel(QscMsgChannelID id);
     void AddObject(const std::shared_ptr<ChannelObject>& object);
     std::shared_ptr<ChannelObject> FindObject(void* handle);
     std::shared_ptr<ChannelObject> RemoveObject(void* handle);
@@ -53,6 +56,7 @@ private:
     std::weak_ptr<ServiceChannel> m_default GUARDED_BY(m_mutex);
     std::map<uint32_t, std::weak_ptr<ServiceChannel>> m_sinks GUARDED_BY(m_mutex);
     std::unordered_map<void*, std::shared_ptr<ChannelObject>> m_objects GUARDED_BY(m_mutex);
+    std::unordered_map<QscMsgChannelID, std::weak_ptr<ServiceChannel>> m_msgChannels GUARDED_BY(m_mutex);
     uint32_t m_nextCookie GUARDED_BY(m_mutex) = 1;
     uintptr_t m_nextHandle GUARDED_BY(m_mutex) = 2;
 };

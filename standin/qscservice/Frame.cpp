@@ -97,7 +97,7 @@ const char* CheckHeader(const FrameHeader& header) {
     if (header.magic != kFrameMagic) return "frame does not begin with the frame mark";
     if (header.size > kMaxFrameBytes) return "frame is longer than the limit";
     if (header.size < kHeaderBytes || header.size % 8 != 0) return "frame has an impossible length";
-    if (header.type < FrameType::Hello || header.type > FrameType::Abort || header.zero != 0) {
+    if (header.type < FrameType::Hello || header.type > kLastFrameType || header.zero != 0) {
         return "frame is of unknown type";
     }
     if (header.itemCount > kMaxItems) return "frame has more items than the limit";

@@ -35,7 +35,12 @@ enum class FrameType : uint16_t {
     Request,             // the same
     Reply,               // command and request id; return values
     Abort,               // request id; reason
+    MsgChannelOpened,    // name, number
+    MsgChannelClosed,    // number
+    MsgChannelWords,     // number; three words
 };
+
+inline constexpr FrameType kLastFrameType = FrameType::MsgChannelWords;
 
 struct FrameHeader {
     uint32_t magic;

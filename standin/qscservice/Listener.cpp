@@ -21,7 +21,7 @@ namespace {
 constexpr std::string_view kUnixPrefix = "unix:";
 constexpr std::string_view kTcpPrefix = "tcp:";
 constexpr std::string_view kAnyLoopback = "127.0.0.1:0";
-constexpr int kBacklog = 8;
+constexpr int kBacklog = 256;
 
 bool Fail(std::string* error, const std::string& text) {
     if (error) *error = text;
@@ -106,7 +106,7 @@ std::shared_ptr<Listener> Listener::Open(const std::string& address, std::string
     }
     SocketAddress bound;
     if (!Parse(place, &bound, error)) return nullptr;
-    listener->m_stop = Fd(eventfd(0, EFD_CLOEXEC));
+    listener->m_stop = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     listener->m_socket = OpenSocket(bound, SOCK_NONBLOCK, error);
     if (!listener->m_socket.IsOpen()) return nullptr;
     const int fd = listener->m_socket.Get();
@@ -168,6 +168,12 @@ Fd ConnectSocket(const std::string& address, std::string* error) {
         made.Reset();
     }
     return made;
+}
+
+void Listener::Resume() {
+    uint64_t count = 0;
+    while (read(m_stop.Get(), &count, sizeof count) < 0 && errno == EINTR) {
+    }
 }
 
 }  // namespace qscservice

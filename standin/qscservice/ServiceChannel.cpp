@@ -3,6 +3,7 @@
 #include "standin/qscservice/ServiceChannel.h"
 
 #include <chrono>
+#include <cstdio>
 #include <random>
 #include <utility>
 
@@ -18,16 +19,27 @@ uint64_t RandomEnd() {
     return (uint64_t{source()} << 32 | source()) | 1;
 }
 
+std::string RandomName() {
+    char text[33];
+    std::snprintf(text, sizeof text, "%016llX%016llX", static_cast<unsigned long long>(RandomEnd()),
+                  static_cast<unsigned long long>(RandomEnd()));
+    return text;
+}
+
 }  // namespace
 
-std::shared_ptr<ServiceChannel> ServiceChannel::Create(const ChannelOptions& options) {
-    std::shared_ptr<ServiceChannel> channel(new ServiceChannel(options));
+std::shared_ptr<ServiceChannel> ServiceChannel::Create(const ChannelOptions& options, std::weak_ptr<ChannelOwner> owner,
+                                                       void* ownerId) {
+    std::shared_ptr<ServiceChannel> channel(new ServiceChannel(options, std::move(owner), ownerId));
     Registry::The().AddChannel(channel);
     return channel;
 }
 
-ServiceChannel::ServiceChannel(const ChannelOptions& options)
+ServiceChannel::ServiceChannel(const ChannelOptions& options, std::weak_ptr<ChannelOwner> owner, void* ownerId)
     : m_options(options),
+      m_owner(std::move(owner)),
+      m_ownerId(ownerId),
+      m_uniqueId(RandomName()),
       m_endId(RandomEnd()),
       m_sessionType(options.role == Role::Server ? options.sessionType : QSC_SESSION_NONE) {}
 
@@ -35,6 +47,7 @@ ServiceChannel::ServiceChannel(const ChannelOptions& options)
 ServiceChannel::~ServiceChannel() {
     DropChannel();
     for (const ObjectPtr& object : m_objects) Registry::The().RemoveObject(object->handle);
+    for (const auto& [id, channel] : m_msgChannels) Registry::The().RemoveMsgChannel(id);
     if (m_worker.joinable()) m_worker.detach();
 }
 

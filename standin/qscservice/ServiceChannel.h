@@ -80,11 +80,35 @@ struct CommandCount {
 inline constexpr uint32_t kAbortChannelDown = 1;
 inline constexpr uint32_t kAbortNoReceiver = 2;
 
+// What the counts rest on, for another channel with the same peer to go on with.
+struct ChannelAccount {
+    uint64_t end;  // of this end, and of the peer that it met last
+    uint64_t peerEnd;
+    std::map<uint32_t, CommandCount> counts;
+    CommandTally received;
+    CommandTally reported;
+    CommandTally settled;
+};
+
+// A server that makes a channel for each connection. It is told of each by the id that it gave the channel, on the
+// channel's delivery thread unless said otherwise.
+class ChannelOwner {
+public:
+    virtual ~ChannelOwner() = default;
+    // Ahead of the channel's own callback of its connection, and behind the last one of them.
+    virtual void OnLinkUp(void* ownerId) = 0;
+    virtual void OnLinkDown(void* ownerId) = 0;
+    // The account of an earlier channel with that peer, if there is one. On the reading thread, before any message.
+    virtual std::optional<ChannelAccount> TakeAccount(void* ownerId, uint64_t peerEnd) = 0;
+};
+
 struct ChannelObject;
 
 class ServiceChannel : public std::enable_shared_from_this<ServiceChannel>, private LinkClient {
 public:
-    static std::shared_ptr<ServiceChannel> Create(const ChannelOptions& options = {});
+    // ownerId is not null when there is an owner.
+    static std::shared_ptr<ServiceChannel> Create(const ChannelOptions& options = {},
+                                                  std::weak_ptr<ChannelOwner> owner = {}, void* ownerId = nullptr);
     ~ServiceChannel() override;
 
     const ChannelOptions& Options() const { return m_options; }
@@ -115,6 +139,9 @@ public:
     // The last error of this end, empty if none: what was wrong with the peer's bytes, or a failed accept.
     std::string LastError() const;
     std::map<uint32_t, CommandCount> Counts() const;
+    ChannelAccount Account() const;
+    // Tells this channel from all others, of any process.
+    const std::string& UniqueId() const { return m_uniqueId; }
     // Requests of this end that have had neither an answer nor an abort yet.
     size_t OpenRequests() const;
     // Waits for the connection state, up to timeoutMS milliseconds. True when it is reached.
@@ -162,6 +189,16 @@ public:
     // fell since, and when a value can't be carried: then the answer, which has the values ahead of it, still goes out.
     bool Respond(void* hContext, Values returnValues = {});
 
+    // --- Message channels: named ones beside the objects, for as long as this channel lives. Each end may have one of
+    // a name. Once both have, each hears OnMsgChannelPeerOpened with three null words, and again for each send of the
+    // other with its words. A peer's ids are given out here, and are never those of own channels.
+
+    bool OpenMsgChannel(void* context, const char* name, const QSCService_MsgChannelNotifySink& sink);
+    static bool CloseMsgChannel(QscMsgChannelID id);
+    // False without a connection, and while the peer has no channel of that name.
+    static bool SendMsgChannel(QscMsgChannelID id, void* a, void* b, void* c);
+    bool GetMsgChannelInfo(QscMsgChannelID id, QSCService_MsgChannelInfo* info) const;
+
     // --- For ScriptedService: a peer of any kind, states and callbacks by hand.
 
     void AttachLink(const std::shared_ptr<Link>& link);
@@ -206,7 +243,19 @@ private:
     };
     using ObjectPtr = std::shared_ptr<ChannelObject>;
 
-    explicit ServiceChannel(const ChannelOptions& options);
+    struct MsgChannel {
+        std::string name;
+        QSCService_MsgChannelNotifySink sink;
+        void* context;
+        uint32_t number;
+        bool opened;  // its owner has been told
+    };
+    struct PeerMsgChannel {
+        std::string name;
+        QscMsgChannelID id;
+    };
+
+    ServiceChannel(const ChannelOptions& options, std::weak_ptr<ChannelOwner> owner, void* ownerId);
 
     // Transport.
     bool CanStart(std::string* error) REQUIRES(m_controlMutex);
@@ -225,7 +274,9 @@ private:
     bool WantsFrames() override;
 
     // Accounting.
+    void SayHello(Link& link);
     std::vector<uint8_t> MakeHello() const;
+    void AdoptAccount(uint64_t peerEnd);
     const char* Admit(Link& link, const FrameView& frame);
     const char* NoteHello(const FrameView& frame) REQUIRES(m_mutex);
     const char* SettleWith(const CommandTally& received) REQUIRES(m_mutex);
@@ -251,6 +302,13 @@ private:
     void OnMessage(const std::shared_ptr<Link>& link, const FrameView& frame);
     void OnReply(const FrameView& frame);
     void OnAbort(const FrameView& frame);
+    void OnMsgChannelOpened(const FrameView& frame);
+    void OnMsgChannelClosed(const FrameView& frame);
+    void OnMsgChannelWords(const FrameView& frame);
+
+    void AnnounceMsgChannels();
+    void TellOpened(QscMsgChannelID id);
+    void TellPeerOpened(const std::string& name, QscMsgChannelID peer, const uint64_t (&words)[3]);
 
     // States.
     void AcceptPeer();
@@ -272,10 +330,13 @@ private:
     static void RefuseMessage(Link& link, const FrameHeader& header);
 
     const ChannelOptions m_options;
-    const uint64_t m_endId;  // tells a returning peer from a new one
+    const std::weak_ptr<ChannelOwner> m_owner;
+    void* const m_ownerId;  // null without an owner
+    const std::string m_uniqueId;
 
     mutable Mutex m_mutex;  // guards states, objects and counts; never held across a callback or a send
     mutable std::condition_variable_any m_changed;        // connection state, queue or delivery
+    uint64_t m_endId GUARDED_BY(m_mutex);                 // tells a returning peer from a new one
     std::shared_ptr<Link> m_running GUARDED_BY(m_mutex);  // from the start of a connection to its fall
     std::shared_ptr<Link> m_link GUARDED_BY(m_mutex);     // what is sent goes here: from its delivered rise to its fall
     QSCService_ConnectionState m_connection GUARDED_BY(m_mutex) = QSC_CONNECTION_DISCONNECTED;
@@ -289,6 +350,8 @@ private:
     std::vector<ObjectPtr> m_objects GUARDED_BY(m_mutex);
     std::map<std::string, PeerObject, std::less<>> m_peerObjects GUARDED_BY(m_mutex);
     uint32_t m_nextObjectNumber GUARDED_BY(m_mutex) = 1;
+    std::map<QscMsgChannelID, MsgChannel> m_msgChannels GUARDED_BY(m_mutex);
+    std::map<uint32_t, PeerMsgChannel> m_peerMsgChannels GUARDED_BY(m_mutex);  // by the peer's numbers
     std::set<void*> m_deferred GUARDED_BY(m_mutex);  // whoever takes a handle out owns its context
     std::string m_lastError GUARDED_BY(m_mutex);
     bool m_closed GUARDED_BY(m_mutex) = false;

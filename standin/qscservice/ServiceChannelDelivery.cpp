@@ -127,6 +127,12 @@ void ServiceChannel::Dispatch(const std::shared_ptr<Link>& link, const FrameView
             return OnReply(frame);
         case FrameType::Abort:
             return OnAbort(frame);
+        case FrameType::MsgChannelOpened:
+            return OnMsgChannelOpened(frame);
+        case FrameType::MsgChannelClosed:
+            return OnMsgChannelClosed(frame);
+        case FrameType::MsgChannelWords:
+            return OnMsgChannelWords(frame);
     }
 }
 

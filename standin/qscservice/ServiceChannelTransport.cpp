@@ -48,6 +48,12 @@ const char* ShapeOf(FrameType type) {
         case FrameType::ObjectDestroyed:
         case FrameType::SideChannelReady:
             return "s";
+        case FrameType::MsgChannelOpened:
+            return "su";
+        case FrameType::MsgChannelClosed:
+            return "u";
+        case FrameType::MsgChannelWords:
+            return "uUUU";
         case FrameType::Post:
         case FrameType::Request:
         case FrameType::Reply:
@@ -257,7 +263,6 @@ void ServiceChannel::AcceptLoop(Listener& listener) {
 }
 
 void ServiceChannel::RunLink(const std::shared_ptr<SocketLink>& link) {
-    std::vector<uint8_t> hello = MakeHello();
     bool closed = false;
     {
         Lock lock(m_mutex);
@@ -265,7 +270,7 @@ void ServiceChannel::RunLink(const std::shared_ptr<SocketLink>& link) {
         closed = m_closed;
     }
     if (closed) link->Interrupt();
-    SendFrame(*link, hello, false);
+    if (!m_ownerId) SayHello(*link);
     const std::string error = link->Run(*this);
     if (!error.empty()) Fail(link, error);
     TakeLinkDown(link);
@@ -278,7 +283,9 @@ void ServiceChannel::BringLinkUp(const std::shared_ptr<Link>& link) {
         m_connection = QSC_CONNECTION_CONNECTED;
     }
     m_changed.notify_all();
+    if (const std::shared_ptr<ChannelOwner> owner = m_owner.lock()) owner->OnLinkUp(m_ownerId);
     FireConnectionState(QSC_CONNECTION_CONNECTED, QSC_CONNECTION_CONNECTED);
+    AnnounceMsgChannels();
 }
 
 void ServiceChannel::TakeLinkDown(const std::shared_ptr<Link>& link) {
@@ -302,6 +309,7 @@ void ServiceChannel::TakeLinkDown(const std::shared_ptr<Link>& link) {
         }
         m_changed.notify_all();
         if (wasUp) FireConnectionState(QSC_CONNECTION_DISCONNECTED, QSC_CONNECTION_DISCONNECTED);
+        if (const std::shared_ptr<ChannelOwner> owner = m_owner.lock()) owner->OnLinkDown(m_ownerId);
     });
     if (m_options.delivery == Delivery::Threaded) DeliverPending();
 }
@@ -321,6 +329,7 @@ bool ServiceChannel::OnFrame(const std::shared_ptr<Link>& link, const FrameView&
         Fail(link, error);
         return false;
     }
+    if (m_ownerId && frame.header.type == FrameType::Hello) SayHello(*link);
     if (m_options.delivery == Delivery::Threaded) {
         Dispatch(link, frame);
         return true;
@@ -333,6 +342,12 @@ bool ServiceChannel::OnFrame(const std::shared_ptr<Link>& link, const FrameView&
 
 void ServiceChannel::OnWake() {
     if (m_options.delivery == Delivery::Threaded) DeliverPending();
+}
+
+// An owned channel answers the hello of its client, as that tells whose account it goes on with.
+void ServiceChannel::SayHello(Link& link) {
+    std::vector<uint8_t> hello = MakeHello();
+    SendFrame(link, hello, false);
 }
 
 std::vector<uint8_t> ServiceChannel::MakeHello() const {
@@ -352,6 +367,7 @@ const char* ServiceChannel::Admit(Link& link, const FrameView& frame) {
     if ((header.type == FrameType::Hello) != (header.sequence == 1)) return "a connection begins with one hello";
     if (!HasItemsOfItsType(frame)) return "a frame has items that are not of its type";
     if (!MaySend(OtherRole(m_options.role), header.type)) return "a frame is of a type that the peer has no right to";
+    if (header.type == FrameType::Hello) AdoptAccount(ItemValues(frame)[2].number);
     Lock lock(m_mutex);
     if (header.type == FrameType::Hello) return NoteHello(frame);
     if (IsMessage(header.type)) ++m_received[CommandKey(m_received, header.command)];
@@ -417,6 +433,24 @@ const char* ServiceChannel::SettleWith(const CommandTally& received) {
     }
     m_reported = received;
     return nullptr;
+}
+
+void ServiceChannel::AdoptAccount(uint64_t peerEnd) {
+    const std::shared_ptr<ChannelOwner> owner = m_owner.lock();
+    std::optional<ChannelAccount> account = owner ? owner->TakeAccount(m_ownerId, peerEnd) : std::nullopt;
+    if (!account) return;
+    Lock lock(m_mutex);
+    m_endId = account->end;
+    m_peerEnd = account->peerEnd;
+    m_counts = std::move(account->counts);
+    m_received = std::move(account->received);
+    m_reported = std::move(account->reported);
+    m_settled = std::move(account->settled);
+}
+
+ChannelAccount ServiceChannel::Account() const {
+    Lock lock(m_mutex);
+    return {m_endId, m_peerEnd, m_counts, m_received, m_reported, m_settled};
 }
 
 CommandCount& ServiceChannel::CountOf(uint32_t command) {

@@ -10,6 +10,7 @@
 #include "standin/qscservice/CallScript.h"
 #include "standin/qscservice/LockGuard.h"
 #include "standin/qscservice/MessageContext.h"
+#include "standin/qscservice/Server.h"
 #include "standin/qscservice/ServiceChannel.h"
 #include "standin/qscservice/Variant.h"
 
@@ -321,6 +322,7 @@ constexpr Version kVersions[] = {
     {Table::Overlay, 0x16, &kOverlayTable, sizeof kOverlayTable},
     {Table::Overlay, 0x07, &kOverlayTable, sizeof kOverlayTable},
     {Table::Overlay, 0x05, &kOverlayTable, sizeof kOverlayTable},
+    {Table::Server, kServerInterfaceVersion, &kServerTable, sizeof kServerTable},
 };
 
 using VersionSet = uint32_t;  // bit n: kVersions[n]

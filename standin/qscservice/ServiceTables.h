@@ -20,7 +20,7 @@ namespace qscservice {
 // What a plug-in is given by QSCService_PluginInit.
 QSC_SERVICE_QUERY_INTERFACE Query();
 
-enum class Table { Channel, ChannelObject, ChannelContext, Variant, StreamData, Overlay };
+enum class Table { Channel, ChannelObject, ChannelContext, Variant, StreamData, Overlay, Server };
 
 // Makes the query operation answer for the table under exactly these id bytes; an empty list takes the table away.
 // Ids that are not the table's own are ignored. At start every id of every table is offered.
@@ -28,7 +28,7 @@ enum class Table { Channel, ChannelObject, ChannelContext, Variant, StreamData, 
 //   Channel         0B all words; 10 without Channel.v3.Poll; 06 also without SwitchToStreamData
 //   ChannelObject   12 and 0F all words; 0A without CreateContextEx; 02 also without GetObjectOptions
 //   ChannelContext  08, 03          StreamData  0E, 0C
-//   Variant         00              Overlay     19, 18, 16, 07, 05
+//   Variant         00              Overlay     19, 18, 16, 07, 05          Server  0D
 void OfferTable(Table table, const std::vector<uint8_t>& ids);
 void OfferNewest(Table table);
 void OfferOldest(Table table);

@@ -172,9 +172,10 @@ public:
 
     // Where to connect: with the path or port that was made up.
     const std::string& Address() const { return m_address; }
-    // Waits for a connection. Closed after Stop, or on an error that is then set.
+    // Waits for a connection. Closed after Stop, until Resume, or on an error that is then set.
     Fd Accept(std::string* error);
     void Stop();
+    void Resume();
 
 private:
     Listener() = default;

@@ -125,7 +125,7 @@ TEST(FrameTest, TellsWhatIsWrongWithAFrame) {
              {"length 0", number, 4, {0, 0, 0, 0}, "frame has an impossible length"},
              {"odd length", number, 4, {47}, "frame has an impossible length"},
              {"type 0", number, 8, {0}, "frame is of unknown type"},
-             {"type beyond the last", number, 8, {15}, "frame is of unknown type"},
+             {"type beyond the last", number, 8, {static_cast<uint8_t>(kLastFrameType) + 1}, "frame is of unknown type"},
              {"high byte of type", number, 9, {1}, "frame is of unknown type"},
              {"reserved word", number, 10, {1}, "frame is of unknown type"},
              {"item count", number, 28, {1, 16}, "frame has more items than the limit"},

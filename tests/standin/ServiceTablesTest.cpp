@@ -92,7 +92,7 @@ TEST_F(ServiceTables, EachVersionFillsItsWordsAndNothingBehindThem) {
 }
 
 TEST_F(ServiceTables, TheQueryAnswersForTheOfferedIdsOnly) {
-    const std::set<unsigned> all = {0, 2, 3, 5, 6, 7, 8, 0xA, 0xB, 0xC, 0xE, 0xF, 0x10, 0x12, 0x16, 0x18, 0x19};
+    const std::set<unsigned> all = {0, 2, 3, 5, 6, 7, 8, 0xA, 0xB, 0xC, 0xD, 0xE, 0xF, 0x10, 0x12, 0x16, 0x18, 0x19};
     EXPECT_EQ(Answered(), all);
 
     OfferTable(Table::Overlay, {});
@@ -100,11 +100,11 @@ TEST_F(ServiceTables, TheQueryAnswersForTheOfferedIdsOnly) {
     OfferNewest(Table::ChannelObject);
     OfferTable(Table::ChannelContext, {0x03, 0x0B, 0x19, 0xFF});
     OfferOldest(Table::StreamData);
-    EXPECT_EQ(Answered(), (std::set<unsigned>{0, 3, 6, 0xC, 0x12}));
+    EXPECT_EQ(Answered(), (std::set<unsigned>{0, 3, 6, 0xC, 0xD, 0x12}));
 
     OfferOldest(Table::Overlay);
     OfferNewest(Table::Channel);
-    EXPECT_EQ(Answered(), (std::set<unsigned>{0, 3, 5, 0xB, 0xC, 0x12}));
+    EXPECT_EQ(Answered(), (std::set<unsigned>{0, 3, 5, 0xB, 0xC, 0xD, 0x12}));
     OfferAllTables();
     EXPECT_EQ(Answered(), all);
 }

@@ -1,44 +1,50 @@
-// The agent's side of a replay: stands on the service's server end, answers what calls for an answer and counts all.
+// The agent's side of a replay, the USB plug-in of the remote desktop in the smallest form that answers: a server on
+// the framework, with an instance for each client or, in the single mode, with one.
 #pragma once
 
-#include "standin/qscservice/LockGuard.h"
-#include "standin/qscservice/ServiceEnd.h"
-#include "tools/replay/KindCounts.h"
+#include <functional>
+#include <string>
+#include <vector>
 
-// What it does with a message of the plug-in, by command:
+#include "rpc/RPCManager.h"
+#include "tools/replay/AgentBook.h"
+
+class AgentManager;
+
+// What an instance does with a message of the plug-in, by command:
 //   0  counts it
 //   1  sends it back as a fast post: running number, header length 64, trailer the rest of the size, same blob
 //   2  answers with the message id and "response:" ahead of the content
 //   3  sends it back as a post "HIDOptOperation" with the same blob
-// When the channel is up for the first time it also posts "Filter" and "UnFilter", with the type as content.
+// When a client's channel is up for the first time it also posts "Filter" and "UnFilter", with the type as content.
+//
+// Used by one thread, but for what is said to be safe on any.
 class Agent {
 public:
+    struct Options {
+        std::string address;          // as for qscservice::ServerOptions
+        bool single = false;          // one client at a time
+        uint32_t readyTimeoutMS = 0;  // of the single mode: Start fails if no client is ready in time; 0: no wait
+        std::function<void(const std::string& address)> onListening;  // where clients dial, ahead of any wait
+    };
+
     Agent();
+    ~Agent();  // Stop
+    Agent(const Agent&) = delete;
+    Agent& operator=(const Agent&) = delete;
 
-    // Waits for the client at an address of the service, or serves a connected socket (closed even on failure). It
-    // goes on over falls of the channel until the agent goes. False with one line in error.
-    bool Listen(const std::string& where, std::string* error) { return end.Channel().Listen(where, error); }
-    bool Attach(int fd, std::string* error) { return end.Channel().Attach(fd, error); }
-    std::string Address() { return end.Channel().Address(); }
+    // False with one line in error.
+    bool Start(const Options& options, std::string* error);
+    // Takes all clients' channels down. False, with all done that can be, if the service reports a failure.
+    bool Stop();
 
-    // Safe on any thread.
-    AgentCounts Counts();
+    // Of one client, by its end, or of all for 0. Safe on any thread, also after Stop for what the service doesn't add.
+    AgentCounts Counts(uint64_t client = 0) const { return book.Counts(client); }
+    // Those that there are at this moment. Safe on any thread.
+    std::vector<SessionView> Sessions() const;
 
 private:
-    void OnReady();
-    void OnMessage(qscservice::InboundMessage& message);
-    bool ReturnFastPost(qscservice::InboundMessage& message);
-    bool ReturnHidPost(qscservice::InboundMessage& message);
-    bool Answer(qscservice::InboundMessage& message);
-    bool CountPost(qscservice::InboundMessage& message);
-    void Count(uint64_t KindCounts::*kind, size_t bytes) REQUIRES(lock);
-    void CountReply(bool accepted) REQUIRES(lock);
-
-    // Guards counts. A message is counted together with its reply, so that whoever sees the one sees the other.
-    qscservice::Mutex lock;
-    AgentCounts counts GUARDED_BY(lock);
-    uint32_t runningNumber = 0;  // these three of the delivery thread alone
-    bool filtersSent = false;
-    std::vector<uint8_t> response;
-    qscservice::ServiceEnd end;  // the last to be made and the first to go: its handlers use the rest
+    AgentBook book;
+    RCPtr<AgentManager> manager;  // null before Start and after Stop
+    RCPtr<RPCPluginInstance> single;
 };

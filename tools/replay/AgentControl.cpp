@@ -1,0 +1,90 @@
+#include "tools/replay/AgentControl.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <vector>
+
+using qscservice::Fd;
+
+namespace {
+
+constexpr size_t kMaxRequest = 4096;
+
+bool SendAll(int fd, const std::string& text) {
+    for (size_t sent = 0; sent < text.size();) {
+        const ssize_t took = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
+        if (took > 0) {
+            sent += static_cast<size_t>(took);
+        } else if (errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+AgentControl::~AgentControl() {
+    if (!thread.joinable()) return;
+    const uint64_t one = 1;
+    while (write(stop.Get(), &one, sizeof one) < 0 && errno == EINTR) {
+    }
+    thread.join();
+    unlink(path.c_str());
+}
+
+bool AgentControl::Listen(const std::string& where, std::string* error) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    if (where.empty() || where.size() >= sizeof address.sun_path) {
+        *error = "the path \"" + where + "\" does not fit a socket";
+        return false;
+    }
+    where.copy(address.sun_path, where.size());
+    listener = Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    stop = Fd(eventfd(0, EFD_CLOEXEC));
+    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener.Get(), 64) != 0) {
+        *error = "cannot listen at " + where + ": " + std::strerror(errno);
+        return false;
+    }
+    path = where;
+    thread = std::thread([this] { Run(); });
+    return true;
+}
+
+void AgentControl::Run() {
+    std::map<int, std::pair<Fd, std::string>> connections;  // with what of a line has come so far
+    for (;;) {
+        std::vector<pollfd> fds = {{stop.Get(), POLLIN, 0}, {listener.Get(), POLLIN, 0}};
+        for (const auto& [fd, connection] : connections) fds.push_back({fd, POLLIN, 0});
+        if (poll(fds.data(), fds.size(), -1) < 0) continue;
+        if (fds[0].revents != 0) return;
+        for (size_t i = 2; i < fds.size(); ++i) {
+            if (fds[i].revents != 0 && !Serve(fds[i].fd, &connections[fds[i].fd].second)) connections.erase(fds[i].fd);
+        }
+        if (fds[1].revents == 0) continue;
+        Fd accepted(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const int fd = accepted.Get();
+        if (fd >= 0) connections[fd].first = std::move(accepted);
+    }
+}
+
+// False when the connection is over.
+bool AgentControl::Serve(int fd, std::string* unread) const {
+    char buffer[1024];
+    const ssize_t count = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
+    if (count <= 0) return count < 0 && (errno == EINTR || errno == EAGAIN);
+    unread->append(buffer, static_cast<size_t>(count));
+    for (size_t end; (end = unread->find('\n')) != std::string::npos; unread->erase(0, end + 1)) {
+        const std::string line = answer(unread->substr(0, end));
+        if (line.empty() || !SendAll(fd, line + "\n")) return false;
+    }
+    return unread->size() <= kMaxRequest;
+}
