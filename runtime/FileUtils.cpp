@@ -1,6 +1,7 @@
 #include "runtime/FileUtils.h"
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
@@ -21,6 +22,7 @@ constexpr int kMaxBaseBytes = 1023;
 constexpr int kMaxTempPathSize = 1024;
 constexpr mode_t kFileMode = 0640;
 constexpr mode_t kFolderMode = 0777;
+constexpr size_t kAppendBuffer = 64 * 1024;
 
 enum AttributeKind { kAnything, kRegularFile, kDirectory };
 
@@ -191,8 +193,12 @@ bool KxFile::OpenToAppend() {
     if (fd < 0) return false;
     struct stat status;
     if (fstat(fd, &status) == 0 && S_ISREG(status.st_mode)) stream.Reset(fdopen(fd, "a"));
-    if (!stream.IsValid()) close(fd);
-    return stream.IsValid();
+    if (!stream.IsValid()) {
+        close(fd);
+        return false;
+    }
+    std::setvbuf(stream.Get(), nullptr, _IOFBF, kAppendBuffer);
+    return true;
 }
 
 bool KxFile::Close() {
@@ -204,7 +210,9 @@ bool KxFile::Write(const char* text) {
     return stream.IsValid() && text && std::fprintf(stream.Get(), "%s", text) >= 0;
 }
 
+// What doesn't fit the buffer goes out ahead of the text, so that the system gets whole texts.
 bool KxFile::Write(const char* text, size_t length) {
+    if (stream.IsValid() && __fpending(stream.Get()) + length > __fbufsize(stream.Get())) Flush();
     return stream.IsValid() && fwrite_unlocked(text, 1, length, stream.Get()) == length;
 }
 

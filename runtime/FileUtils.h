@@ -76,7 +76,8 @@ public:
 
     // False without a stream, or if the system refused.
     bool Write(const char* text);
-    bool Write(const char* text, size_t length);  // the caller sees to it that no other thread uses the stream
+    // The caller sees to it that no other thread uses the stream. After OpenToAppend the system gets whole texts.
+    bool Write(const char* text, size_t length);
     bool Flush();
 
     bool Exists();
