@@ -129,6 +129,20 @@ def log_lines():
           f"allocations for an enabled\nline once the pool is warm: {allocations:.3f}.\n")
 
 
+def pool_memory():
+    path = os.path.join(folder, "pool.jsonl")
+    if not os.path.exists(path):
+        return
+    with open(path) as file:
+        moments = [json.loads(line) for line in file]
+    print("## Pool memory over time\n\nThe pool of log messages after a burst, on a clock that is moved on by the "
+          "minute: a block that has been idle for ten\nminutes goes, one a minute, and the last one stays. The heap is "
+          "that of the whole program.\n")
+    table(["minutes since the burst", "messages out", "blocks", "pool", "heap in use"],
+          [[f"{each['minute']:,}", f"{each['out']:,}", f"{each['blocks']:,}", f"{each['pool_bytes'] / 1024:,.0f} KiB",
+            f"{each['heap_bytes'] / 1024:,.0f} KiB"] for each in moments])
+
+
 def fast_post():
     figures = load("FastPostBench")
     rows = []
@@ -181,6 +195,42 @@ def end_to_end():
         table(["transport", "messages/s", "bare", "ratio", "MB/s", "bare MB/s"], rows)
 
 
+def servers():
+    path = os.path.join(folder, "server-load.jsonl")
+    runs = {}
+    if os.path.exists(path):
+        with open(path) as file:
+            for line in file:
+                run = json.loads(line)
+                runs.setdefault(run["clients"], []).append(run)
+    if runs:
+        print("## Many clients\n\n`usb-agent` with clients that have one request under way each: up to 16 processes, beyond "
+              "that connections of one process.\n")
+        medians = {n: {key: statistics.median(run[key] for run in of_n) for key in of_n[0]} for n, of_n in runs.items()}
+        one = medians[min(medians)]
+        rows = []
+        for clients, run in sorted(medians.items()):
+            more = clients - one["clients"]
+            rows.append([str(clients), f"{run['messages_per_second']:,.0f}",
+                         f"{run['messages_per_second'] / one['messages_per_second']:.1f}", text(run["p50_ns"]),
+                         text(run["p99_ns"]),
+                         f"{(run['rss_kib'] - one['rss_kib']) / more:.0f} KiB" if more else "",
+                         f"{(run['threads'] - one['threads']) / more:.2f}" if more else ""])
+        table(["clients", "messages/s", "beside one client", "median round trip", "p99", "memory for each more",
+               "threads for each more"], rows)
+    figures = load("ServerBench")
+    rows = []
+    for what, ours, peer, name, share in (
+            ("round trip of a message channel", "RoundTrip/MessageChannel/1000", "RoundTrip/Request/1000", "a request", 1000),
+            ("64 MiB of stream data", "Stream/StreamData", "Stream/SocketPair", "a bare socket pair", 1)):
+        if ours in figures and peer in figures:
+            a, b = figures[ours][0] / share, figures[peer][0] / share
+            rows.append([what, text(a), name, text(b), f"{a / b:.2f}"])
+    if rows:
+        print("## Other ways to the peer\n")
+        table(["what", "here", "beside", "there", "ratio"], rows)
+
+
 def load_time():
     figures = load("LoadBench")
     stripped = os.path.join(folder, "stripped.so")
@@ -201,6 +251,8 @@ state: what counts are the ratios to the peer beside them.
 runtime()
 poll()
 log_lines()
+pool_memory()
 fast_post()
 end_to_end()
+servers()
 load_time()

@@ -166,6 +166,7 @@ bool FileWriter::OpenFile() {
     if (!existed && !FileUtils::CreateEmptyFile(currentPath, false)) return false;
     file = new FileUtils::KxFile(currentPath);
     if (!file->OpenToAppend()) return false;
+    torn = false;
     if (fileCounter > 1) rolledFiles.push_back(currentPath);
     if (existed) {
         for (const char* line : kSessionBanner) file->Write(line, std::strlen(line));
@@ -186,7 +187,10 @@ bool FileWriter::WriteMessage(const RCPtr<LogMessage>& message) {
         return false;
     }
     if (logger && logger->ScrubsMessages()) message->Scrub();
-    return file->Write(message->Text(), static_cast<size_t>(message->Length()));
+    if (torn) torn = !file->Write("\n", 1);
+    const bool written = file->Write(message->Text(), static_cast<size_t>(message->Length()));
+    if (!written) torn = true;
+    return written;
 }
 
 // Tries to get past a failed roll.
@@ -203,8 +207,8 @@ bool FileWriter::Reopen() {
 void FileWriter::EndWrite() {
     if (ReachedSizeLimit()) {
         RollLogFile();
-    } else if (HasFile()) {
-        file->Flush();
+    } else {
+        FlushMedium();
     }
     CheckDiskSpace();
 }
@@ -292,7 +296,14 @@ void FileWriter::ReportDiskSpace(uint64 freeBytes) {
                         StringUtils::FormatDuration(seconds, 3).c_str(), kStars);
     }
     WriteMessage(message);
-    if (HasFile()) file->Flush();
+    FlushMedium();
+}
+
+bool FileWriter::FlushMedium() {
+    if (!HasFile()) return false;
+    const bool flushed = file->Flush();
+    if (!flushed) torn = true;
+    return flushed;
 }
 
 bool FileWriter::Close() {

@@ -41,6 +41,7 @@ public:
     bool WriteMessage(const RCPtr<LogMessage>& message) override;
     bool Close() override;
     void EndWrite() override;
+    bool FlushMedium() override;
 
     // The path of the current file. For people: it may have been rolled by the time it is read.
     std::string GetCurrentPath();
@@ -98,6 +99,7 @@ private:
     KxElapsedTimer suspendTimer;
     RCPtr<FileUtils::KxFile> file;
     bool fileOpen = false;
+    bool torn = false;           // the system refused a part of a line: the next one begins afresh
     KxElapsedTimer reopenTimer;  // since a new file couldn't be opened
     int lostLines = 0;           // meanwhile
 

@@ -203,7 +203,7 @@ void LogWriter::DrainAll() {
 // A report that the medium refuses is made again by a later drain.
 void LogWriter::ReportDropped(int index) {
     int32_t& dropped = queues[index].dropped;
-    if (dropped > 0 && ReportLost(dropped, kLogInfo)) dropped = 0;
+    if (dropped > 0 && ReportLost(dropped, kLogInfo) && FlushMedium()) dropped = 0;
 }
 
 bool LogWriter::ReportLost(int count, int level) {

@@ -42,6 +42,8 @@ public:
     // Writes what stands ahead of a line's text, cut to size - 1 bytes, and returns its length. A line without a
     // function is indented by the width of the last prefix.
     virtual int FormatPrefix(char* buffer, int size, const char* function, int level);
+    // Hands what was written on to the system; false if it refused.
+    virtual bool FlushMedium() { return true; }
 
     bool Start();
     // Writes what is queued and the last line, and closes the medium. No log call reaches the writer any more.

@@ -212,7 +212,7 @@ bool KxFile::Write(const char* text) {
 
 // What doesn't fit the buffer goes out ahead of the text, so that the system gets whole texts.
 bool KxFile::Write(const char* text, size_t length) {
-    if (stream.IsValid() && __fpending(stream.Get()) + length > __fbufsize(stream.Get())) Flush();
+    if (stream.IsValid() && __fpending(stream.Get()) + length > __fbufsize(stream.Get()) && !Flush()) return false;
     return stream.IsValid() && fwrite_unlocked(text, 1, length, stream.Get()) == length;
 }
 

@@ -22,13 +22,15 @@ namespace {
 
 constexpr char kUsage[] =
     "Usage: usb-agent (--listen unix:PATH | --listen tcp:ADDRESS:PORT | --fd N) [--single [--ready-timeout MS]]\n"
-    "                 [--control] [--control-at PATH] [--stats [--json]] [--log-config FILE]\n"
+    "                 [--side-channel tcp|virtual] [--control] [--control-at PATH] [--stats [--json]]\n"
+    "                 [--log-config FILE]\n"
     "Serves any number of clients of the USB channel and prints its counts as JSON at the end.\n"
     "\n"
     "  --listen ADDRESS    wait for clients there; port 0 and \"unix:\" choose an address and print it\n"
     "  --fd N              serve the connected socket that was inherited under that number\n"
     "  --single            serve one client at a time, on one instance\n"
     "  --ready-timeout MS  with --single: end if no client is ready within so many milliseconds; 0, the default: wait\n"
+    "  --side-channel TYPE offer one to the clients' data objects\n"
     "  --control           answer each line \"counts\" on standard input with the counts, and \"counts HEX\" with "
     "those\n"
     "                      of one client; end with the input\n"
@@ -39,10 +41,14 @@ constexpr char kUsage[] =
     "\n"
     "Without --control it ends on SIGINT or SIGTERM.\n";
 
+const std::map<std::string, SideChannel> kSideChannels = {
+    {"", SideChannel::None}, {"tcp", SideChannel::Tcp}, {"virtual", SideChannel::Virtual}};
+
 struct AgentOptions {
     std::string listen;
     std::string logConfig;
     std::string controlAt;
+    std::string sideChannel;
     int fd = -1;
     uint32_t readyTimeoutMS = 0;
     bool single = false;
@@ -66,8 +72,10 @@ std::optional<AgentOptions> Parse(const std::vector<std::string_view>& args, std
                                                      {"--stats", &options.stats},
                                                      {"--json", &options.json},
                                                      {"--help", &options.help}};
-    const std::map<std::string_view, std::string*> texts = {
-        {"--listen", &options.listen}, {"--log-config", &options.logConfig}, {"--control-at", &options.controlAt}};
+    const std::map<std::string_view, std::string*> texts = {{"--listen", &options.listen},
+                                                            {"--log-config", &options.logConfig},
+                                                            {"--control-at", &options.controlAt},
+                                                            {"--side-channel", &options.sideChannel}};
     bool hasTimeout = false;
     for (size_t i = 0; i < args.size(); i++) {
         const std::string_view arg = args[i];
@@ -98,6 +106,7 @@ std::optional<AgentOptions> Parse(const std::vector<std::string_view>& args, std
         }
     }
     const char* wrong = nullptr;
+    if (!kSideChannels.contains(options.sideChannel)) wrong = "--side-channel is tcp or virtual";
     if (options.listen.empty() == (options.fd < 0)) wrong = "exactly one of --listen and --fd is needed";
     if (hasTimeout && !options.single) wrong = "--ready-timeout belongs to --single";
     if (options.json && !options.stats) wrong = "--json belongs to --stats";
@@ -141,6 +150,7 @@ int Serve(const AgentOptions& options, const sigset_t& endings) {
     start.address = options.fd >= 0 ? "fd:" + std::to_string(options.fd) : options.listen;
     start.single = options.single;
     start.readyTimeoutMS = options.readyTimeoutMS;
+    start.sideChannel = kSideChannels.at(options.sideChannel);
     start.onListening = [](const std::string& address) {
         if (!address.empty()) std::cout << nlohmann::json{{"listening", address}}.dump() << std::endl;
     };

@@ -13,7 +13,7 @@ Agent::~Agent() {
 
 bool Agent::Start(const Options& options, std::string* error) {
     qscservice::SetServerOptions({.address = options.address});
-    manager = new AgentManager(&book, [&options] {
+    manager = new AgentManager(&book, options.sideChannel, [&options] {
         if (options.onListening) options.onListening(qscservice::ServerAddress());
     });
     bool started;

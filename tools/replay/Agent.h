@@ -11,6 +11,9 @@
 
 class AgentManager;
 
+// Where the data object's messages travel.
+enum class SideChannel { None, Tcp, Virtual };
+
 // What an instance does with a message of the plug-in, by command:
 //   0  counts it
 //   1  sends it back as a fast post: running number, header length 64, trailer the rest of the size, same blob
@@ -22,8 +25,9 @@ class AgentManager;
 class Agent {
 public:
     struct Options {
-        std::string address;          // as for qscservice::ServerOptions
-        bool single = false;          // one client at a time
+        std::string address;  // as for qscservice::ServerOptions
+        bool single = false;  // one client at a time
+        SideChannel sideChannel = SideChannel::None;
         uint32_t readyTimeoutMS = 0;  // of the single mode: Start fails if no client is ready in time; 0: no wait
         std::function<void(const std::string& address)> onListening;  // where clients dial, ahead of any wait
     };

@@ -179,7 +179,13 @@ bool AgentManager::ConfigureTcpSideChannel() {
     QSCService_ServerInterface table{};
     if (!QueryInterface(&tableId, &table)) return false;
     SetServerInterface(table);
+    m_tcpSideChannel = sideChannel == SideChannel::Tcp;
     onBound();
+    return true;
+}
+
+bool AgentManager::ConfigureVirtualSideChannel() {
+    m_virtualSideChannel = sideChannel == SideChannel::Virtual;
     return true;
 }
 

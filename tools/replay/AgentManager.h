@@ -9,7 +9,7 @@
 
 #include "rpc/RPCManager.h"
 #include "rpc/RPCPluginInstance.h"
-#include "tools/replay/AgentBook.h"
+#include "tools/replay/Agent.h"
 
 // One session. The service delivers its messages one at a time; what others may ask is atomic.
 class AgentInstance : public RPCPluginInstance {
@@ -48,9 +48,10 @@ private:
 
 class AgentManager : public RPCManager {
 public:
-    AgentManager(AgentBook* book, std::function<void()> onBound)
+    AgentManager(AgentBook* book, SideChannel sideChannel, std::function<void()> onBound)
         : RPCManager("UsbRedirection", "UsbRedirControlObj", "UsbRedirDataObj", "UsbRedirDataObjTcp", RefCountOn),
           book(book),
+          sideChannel(sideChannel),
           onBound(std::move(onBound)) {}
 
     RPCPluginInstance* OnCreateServerInstance(QscServerID id) override;
@@ -58,12 +59,14 @@ public:
     bool OnServerConnected(QSCService_SessionType type, QscServerID id) override;
     // The service is bound from here on: takes its server table, and tells whoever waits for that.
     bool ConfigureTcpSideChannel() override;
+    bool ConfigureVirtualSideChannel() override;
     void OnServerExit() override;
 
     std::vector<RCPtr<AgentInstance>> Instances();
 
 private:
     AgentBook* const book;
+    const SideChannel sideChannel;
     const std::function<void()> onBound;
     KxMutex lock{false, ""};  // guards instances
     std::map<QscServerID, RCPtr<AgentInstance>> instances GUARDED_BY(lock);
