@@ -12,7 +12,10 @@
 
 namespace qscservice {
 
-// One end's object. state and forcedOptions are guarded by the channel's m_mutex, the rest never changes.
+class SideChannel;
+
+// One end's object. state, forcedOptions and side are guarded by the channel's m_mutex, the rest never changes, but for
+// sideLink.
 struct ChannelObject {
     std::weak_ptr<ServiceChannel> channel;
     std::string name;
@@ -23,6 +26,12 @@ struct ChannelObject {
     void* handle;
     QSCRPC_ObjectState state;
     std::optional<uint32_t> forcedOptions;
+    std::shared_ptr<SideChannel> side{};  // from the request for it to its end
+
+    // Held while a frame of the object is sent, and while its frames move from one connection to another, so that none
+    // goes out on the connection that they have left. Taken with no lock of the channel but m_requestMutex held.
+    Mutex sendMutex{};
+    std::shared_ptr<Link> sideLink GUARDED_BY(sendMutex){};  // where its frames go; null: the channel's connection
 };
 
 // Whether messages may be sent on an object in this state.

@@ -29,8 +29,8 @@ enum class FrameType : uint16_t {
     ObjectCreated,       // name, number, flags
     ObjectReady,         // name: both ends have it
     ObjectDestroyed,     // name
-    SideChannelRequest,  // name, type
-    SideChannelReady,    // name
+    SideChannelRequest,  // client: name, type, number of the attempt
+    SideChannelSwitch,   // name, number of the attempt: last of the object's frames on this connection
     Post,                // object, command and request id in the header; parameters
     Request,             // the same
     Reply,               // command and request id; return values
@@ -38,9 +38,12 @@ enum class FrameType : uint16_t {
     MsgChannelOpened,    // name, number
     MsgChannelClosed,    // number
     MsgChannelWords,     // number; three words
+    SideChannelOffer,    // server: name, type, address, number of the attempt, whether the client has asked
+    SideChannelRefused,  // name, number of the attempt
+    SideChannelEnd,      // last in each direction of a side connection
+    Greeting,            // first on a further connection, from the client: the number that it was told
 };
-
-inline constexpr FrameType kLastFrameType = FrameType::MsgChannelWords;
+inline constexpr FrameType kLastFrameType = FrameType::Greeting;
 
 struct FrameHeader {
     uint32_t magic;

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -93,6 +94,14 @@ Fd OpenSocket(const SocketAddress& address, int flags, std::string* error) {
     return made;
 }
 
+// The limit of sends is that of connect as well. 0: none.
+void LimitSends(int fd, uint32_t timeoutMS) {
+    timeval limit = {};
+    limit.tv_sec = static_cast<time_t>(timeoutMS / 1000);
+    limit.tv_usec = static_cast<suseconds_t>(timeoutMS % 1000) * 1000;
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
 }  // namespace
 
 std::shared_ptr<Listener> Listener::Open(const std::string& address, std::string* error) {
@@ -135,14 +144,15 @@ Listener::~Listener() {
 }
 
 // A connection that its client has given up already is no error of the listener.
-Fd Listener::Accept(std::string* error) {
+Fd Listener::Accept(std::string* error, int timeoutMS) {
     for (;;) {
         pollfd fds[] = {{m_socket.Get(), POLLIN, 0}, {m_stop.Get(), POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0 && errno != EINTR) {
+        const int ready = poll(fds, 2, timeoutMS);
+        if (ready < 0 && errno != EINTR) {
             FailWithErrno(error, "cannot wait for a connection");
             return Fd();
         }
-        if (fds[1].revents != 0) return Fd();
+        if (ready == 0 || fds[1].revents != 0) return Fd();
         Fd accepted(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         if (accepted.IsOpen()) return accepted;
         if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR && errno != ECONNABORTED) {
@@ -152,21 +162,28 @@ Fd Listener::Accept(std::string* error) {
     }
 }
 
+bool Listener::WaitReadable(int fd, int timeoutMS) {
+    pollfd fds[] = {{fd, POLLIN, 0}, {m_stop.Get(), POLLIN, 0}};
+    return poll(fds, 2, timeoutMS) > 0 && fds[1].revents == 0;
+}
+
 void Listener::Stop() {
     const uint64_t one = 1;
     while (write(m_stop.Get(), &one, sizeof one) < 0 && errno == EINTR) {
     }
 }
 
-Fd ConnectSocket(const std::string& address, std::string* error) {
+Fd ConnectSocket(const std::string& address, std::string* error, uint32_t timeoutMS) {
     SocketAddress peer;
     if (!Parse(address, &peer, error)) return Fd();
     Fd made = OpenSocket(peer, 0, error);
+    if (made.IsOpen()) LimitSends(made.Get(), timeoutMS);
     while (made.IsOpen() && connect(made.Get(), &peer.any, peer.size) != 0 && errno != EISCONN) {
         if (errno == EINTR) continue;
         FailWithErrno(error, "cannot connect to " + address);
         made.Reset();
     }
+    if (made.IsOpen()) LimitSends(made.Get(), 0);
     return made;
 }
 

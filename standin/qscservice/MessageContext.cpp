@@ -143,6 +143,7 @@ void MessageContext::Reset() {
     post = false;
     isRequest = false;
     origin.reset();
+    receiver.reset();
 }
 
 MessageContext* ContextTable::Create(MessageContext::State state) {

@@ -13,6 +13,7 @@
 namespace qscservice {
 
 class Link;
+struct ChannelObject;
 
 // One message being written or read. What is appended goes straight into the frame that will be sent; what was received
 // is read in place, from the receive buffer. Used by one thread at a time, except for the handle and the state.
@@ -51,8 +52,9 @@ public:
     uint32_t command = 0;
     uint32_t requestId = 0;
     bool post = false;
-    bool isRequest = false;      // inbound: the peer waits for an answer
-    std::weak_ptr<Link> origin;  // deferred: the connection that the answer belongs to
+    bool isRequest = false;                   // inbound: the peer waits for an answer
+    std::weak_ptr<Link> origin;               // deferred: the channel's connection that the answer belongs to
+    std::shared_ptr<ChannelObject> receiver;  // deferred: the object that it was delivered to
 
 private:
     friend class ContextTable;

@@ -4,25 +4,20 @@
 
 #include <chrono>
 #include <cstdio>
-#include <random>
 #include <utility>
 
 #include "standin/qscservice/ChannelObject.h"
 #include "standin/qscservice/MessageContext.h"
+#include "standin/qscservice/Rendezvous.h"
 
 namespace qscservice {
 
 namespace {
 
-uint64_t RandomEnd() {
-    std::random_device source;
-    return (uint64_t{source()} << 32 | source()) | 1;
-}
-
 std::string RandomName() {
     char text[33];
-    std::snprintf(text, sizeof text, "%016llX%016llX", static_cast<unsigned long long>(RandomEnd()),
-                  static_cast<unsigned long long>(RandomEnd()));
+    std::snprintf(text, sizeof text, "%016llX%016llX", static_cast<unsigned long long>(RandomNumber()),
+                  static_cast<unsigned long long>(RandomNumber()));
     return text;
 }
 
@@ -40,7 +35,7 @@ ServiceChannel::ServiceChannel(const ChannelOptions& options, std::weak_ptr<Chan
       m_owner(std::move(owner)),
       m_ownerId(ownerId),
       m_uniqueId(RandomName()),
-      m_endId(RandomEnd()),
+      m_endId(RandomNumber()),
       m_sessionType(options.role == Role::Server ? options.sessionType : QSC_SESSION_NONE) {}
 
 // Without a Close, the worker that has just ended may hold the last reference.
@@ -204,6 +199,7 @@ void ServiceChannel::OnClose(const FrameView& frame) {
         Lock lock(m_mutex);
         if (static_cast<uint32_t>(ItemValues(frame)[0].number) != m_attempt) return;
     }
+    for (const ObjectPtr& object : Objects()) FinishSideChannel(object);
     DroppedChannel dropped = DropChannel();
     AbortRequests(std::move(dropped.requests));
     if (dropped.was != QSC_CHANNEL_DISCONNECTED) FireChannelState(QSC_CHANNEL_DISCONNECTED, QSC_CHANNEL_DISCONNECTED);
@@ -221,6 +217,7 @@ ServiceChannel::DroppedChannel ServiceChannel::DropChannel() {
         m_peerObjects.clear();
         deferred.swap(m_deferred);
     }
+    for (const ObjectPtr& object : Objects()) EndSideChannel(object);
     for (void* hContext : deferred) ContextTable::Release(ContextTable::Find(hContext));
     Lock lock(m_requestMutex);
     dropped.requests.swap(m_requests);
@@ -232,6 +229,11 @@ void ServiceChannel::AbortRequests(OpenRequestMap&& requests) {
         request.context.reset();
         if (request.sink.OnMsgAbort) request.sink.OnMsgAbort(request.sinkContext, requestId, TRUE, kAbortChannelDown);
     }
+}
+
+std::vector<ServiceChannel::ObjectPtr> ServiceChannel::Objects() const {
+    Lock lock(m_mutex);
+    return m_objects;
 }
 
 std::pair<QSCService_ChannelNotifySink, void*> ServiceChannel::Sink() const {

@@ -21,6 +21,7 @@
 //                       both get OnObjectStateChanged with state CONNECTED
 //   object destroyed    OnObjectStateChanged with state DISCONNECTED on the other end
 //   Disconnect          OnChannelStateChanged(DISCONNECTED) on the other end only; open requests of both are aborted
+//   side channel        OnObjectStateChanged with state SIDE_CHANNEL_PENDING, then SIDE_CHANNEL_CONNECTED or CONNECTED
 //   transport down      open requests are aborted, objects read DISCONNECTED, then OnChannelStateChanged(DISCONNECTED)
 //   if
 //                       the channel was opened, then OnConnectionStateChanged(DISCONNECTED)
@@ -61,6 +62,7 @@ struct ChannelOptions {
     QSCService_SessionType sessionType = QSC_SESSION_PCOIP;  // announced by a server, taken over by its client
     bool acceptChannel = true;                               // server: false rejects the client's Connect
     uint32_t sideChannels = 0x1E;                            // bit n: side channel type n is available
+    uint32_t meetLimitMS = 5000;  // for the two ends to make a further connection between them
 };
 
 // What became of the messages (posts and requests, not answers) with one command number. Kept over all connections of
@@ -103,6 +105,10 @@ public:
 };
 
 struct ChannelObject;
+class SideChannel;
+
+// Frames of one source that wait to be delivered: what passes this many bytes still comes in, then the peer waits.
+inline constexpr size_t kMaxQueuedBytes = 16u << 20;
 
 class ServiceChannel : public std::enable_shared_from_this<ServiceChannel>, private LinkClient {
 public:
@@ -178,6 +184,12 @@ public:
     static bool DestroyObject(void* hObject);
     static QSCRPC_ObjectState ObjectState(void* hObject);
     static bool ObjectOptions(void* hObject, uint32_t* options);
+    // Asks the peer to move the object's messages, in both directions, to a connection of their own: TCP for type 2,
+    // else a Unix socket. The object's owner hears of SIDE_CHANNEL_PENDING and then, at both ends, of
+    // SIDE_CHANNEL_CONNECTED; or, when it fails, once of CONNECTED, and the messages keep their way. Messages may be
+    // sent all the while, and keep their order. The connection ends with the object or the channel, and when it falls
+    // the whole channel falls. False when the object isn't CONNECTED or has asked before, and when this end doesn't
+    // have the type.
     static bool RequestSideChannel(void* hObject, uint32_t type);
     static bool CreateContext(void* hObject, uint32_t options, void** hContext);
     static bool Invoke(void* hObject, void* hContext, const QSCRPC_ContextNotifySink* sink, void* context);
@@ -220,6 +232,7 @@ public:
 
 private:
     friend class CurrentChannel;
+    friend class SideChannel;
 
     struct ReleaseContext {
         void operator()(MessageContext* context) const;
@@ -242,6 +255,7 @@ private:
         uint32_t flags;
     };
     using ObjectPtr = std::shared_ptr<ChannelObject>;
+    using SidePtr = std::shared_ptr<SideChannel>;
 
     struct MsgChannel {
         std::string name;
@@ -278,6 +292,7 @@ private:
     std::vector<uint8_t> MakeHello() const;
     void AdoptAccount(uint64_t peerEnd);
     const char* Admit(Link& link, const FrameView& frame);
+    const char* AdmitFromSide(Link& link, const FrameView& frame, uint32_t peerNumber);
     const char* NoteHello(const FrameView& frame) REQUIRES(m_mutex);
     const char* SettleWith(const CommandTally& received) REQUIRES(m_mutex);
     CommandCount& CountOf(uint32_t command) REQUIRES(m_mutex);
@@ -298,7 +313,9 @@ private:
     void OnObjectReady(const FrameView& frame);
     void OnObjectDestroyed(const FrameView& frame);
     void OnSideChannelRequest(const FrameView& frame);
-    void OnSideChannelReady(const FrameView& frame);
+    void OnSideChannelOffer(const FrameView& frame);
+    void OnSideChannelRefused(const FrameView& frame);
+    void OnSideChannelSwitch(const FrameView& frame);
     void OnMessage(const std::shared_ptr<Link>& link, const FrameView& frame);
     void OnReply(const FrameView& frame);
     void OnAbort(const FrameView& frame);
@@ -310,22 +327,41 @@ private:
     void TellOpened(QscMsgChannelID id);
     void TellPeerOpened(const std::string& name, QscMsgChannelID peer, const uint64_t (&words)[3]);
 
+    // Side channels.
+    bool AskForSideChannel(const ObjectPtr& object, uint32_t type);
+    SidePtr MakeSideChannel(const ObjectPtr& object, uint64_t number);
+    bool StartSideChannel(const ObjectPtr& object, const SidePtr& side);
+    void RefuseSideChannel(const std::string& name, uint64_t number);
+    void OnSideChannelAccepted(const SidePtr& side, const std::shared_ptr<SocketLink>& link);
+    void OnSideChannelFailed(const SidePtr& side);
+    bool ForgetSideChannel(const SidePtr& side);
+    void OnSideChannelOver(const SidePtr& side, const std::shared_ptr<SocketLink>& link);
+    void EndSideChannel(const ObjectPtr& object);
+    void FinishSideChannel(const ObjectPtr& object);
+    void StopSideChannels();
+    void JoinSideChannels();
+    SidePtr SideOf(const ObjectPtr& object) const;
+    ObjectPtr FindAttempt(const FrameView& frame, SidePtr* side) const;
+
     // States.
     void AcceptPeer();
     DroppedChannel DropChannel();
     void AbortRequests(OpenRequestMap&& requests);
     void SetObjectState(const ObjectPtr& object, QSCRPC_ObjectState state);
+    std::vector<ObjectPtr> Objects() const;
     std::pair<QSCService_ChannelNotifySink, void*> Sink() const;  // with null words when there is none
     ObjectPtr FindObject(std::string_view name) const REQUIRES(m_mutex);
     ObjectPtr Receiver(uint32_t peerNumber) const REQUIRES(m_mutex);
     std::optional<OpenRequest> TakeRequest(uint32_t requestId);
     bool SendControl(FrameType type, Values values);
-    static bool SendAnswer(Link& link, MessageContext& context);
+    static bool SendAnswer(ChannelObject& object, const std::shared_ptr<Link>& link, MessageContext& context);
+    static std::shared_ptr<Link> SendFor(ChannelObject& object, const std::shared_ptr<Link>& link,
+                                         std::span<uint8_t> frame);
     static bool SendFrame(Link& link, std::span<uint8_t> frame, bool mayWait);
     bool InvokeOn(const ObjectPtr& object, MessageContext* message, const QSCRPC_ContextNotifySink* sink,
                   void* sinkContext);
-    static bool SendPost(const ChannelObject& object, Link& link, MessageContext* message);
-    bool SendRequest(const ChannelObject& object, Link& link, MessageContext* message,
+    static bool SendPost(ChannelObject& object, const std::shared_ptr<Link>& link, MessageContext* message);
+    bool SendRequest(ChannelObject& object, const std::shared_ptr<Link>& link, MessageContext* message,
                      const QSCRPC_ContextNotifySink& sink, void* sinkContext);
     static void RefuseMessage(Link& link, const FrameHeader& header);
 
@@ -352,6 +388,8 @@ private:
     uint32_t m_nextObjectNumber GUARDED_BY(m_mutex) = 1;
     std::map<QscMsgChannelID, MsgChannel> m_msgChannels GUARDED_BY(m_mutex);
     std::map<uint32_t, PeerMsgChannel> m_peerMsgChannels GUARDED_BY(m_mutex);  // by the peer's numbers
+    std::vector<SidePtr> m_sides GUARDED_BY(m_mutex);                          // whose threads run; in no account yet
+    std::vector<SidePtr> m_endedSides GUARDED_BY(m_mutex);                     // whose threads are to be joined
     std::set<void*> m_deferred GUARDED_BY(m_mutex);  // whoever takes a handle out owns its context
     std::string m_lastError GUARDED_BY(m_mutex);
     bool m_closed GUARDED_BY(m_mutex) = false;

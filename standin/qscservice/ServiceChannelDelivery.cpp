@@ -8,9 +8,6 @@ namespace qscservice {
 
 namespace {
 
-constexpr size_t kMaxQueuedBytes =
-    16u << 20;  // of frames that wait to be polled; the one that passes it still comes in
-
 using Clock = std::chrono::steady_clock;
 
 }  // namespace
@@ -118,8 +115,12 @@ void ServiceChannel::Dispatch(const std::shared_ptr<Link>& link, const FrameView
             return OnObjectDestroyed(frame);
         case FrameType::SideChannelRequest:
             return OnSideChannelRequest(frame);
-        case FrameType::SideChannelReady:
-            return OnSideChannelReady(frame);
+        case FrameType::SideChannelOffer:
+            return OnSideChannelOffer(frame);
+        case FrameType::SideChannelRefused:
+            return OnSideChannelRefused(frame);
+        case FrameType::SideChannelSwitch:
+            return OnSideChannelSwitch(frame);
         case FrameType::Post:
         case FrameType::Request:
             return OnMessage(link, frame);
@@ -133,6 +134,9 @@ void ServiceChannel::Dispatch(const std::shared_ptr<Link>& link, const FrameView
             return OnMsgChannelClosed(frame);
         case FrameType::MsgChannelWords:
             return OnMsgChannelWords(frame);
+        case FrameType::SideChannelEnd:
+        case FrameType::Greeting:
+            return;  // not on the channel's connection
     }
 }
 

@@ -16,6 +16,7 @@ using State = MessageContext::State;
 struct Delivered {
     MessageContext* context = nullptr;
     std::weak_ptr<Link> link;
+    std::shared_ptr<ChannelObject> object;
 };
 thread_local Delivered tDelivered;
 
@@ -56,8 +57,8 @@ bool ServiceChannel::InvokeOn(const ObjectPtr& object, MessageContext* message, 
         if (IsConnected(object->state)) link = m_link;
     }
     const uint32_t command = message->command;
-    if (link && (message->post ? SendPost(*object, *link, message)
-                               : SendRequest(*object, *link, message, sink ? *sink : kNoSink, sinkContext))) {
+    if (link && (message->post ? SendPost(*object, link, message)
+                               : SendRequest(*object, link, message, sink ? *sink : kNoSink, sinkContext))) {
         return true;
     }
     message->Move(State::Sent, State::Own);
@@ -66,27 +67,41 @@ bool ServiceChannel::InvokeOn(const ObjectPtr& object, MessageContext* message, 
     return false;
 }
 
-bool ServiceChannel::SendPost(const ChannelObject& object, Link& link, MessageContext* message) {
-    if (!SendFrame(link, message->Seal(FrameType::Post, object.number), !CallbackScope::IsActive())) return false;
+// Takes all of the frame or nothing, and gives the connection that carries the object's frames now: its own, or the
+// channel's. FinishSend is left to do.
+std::shared_ptr<Link> ServiceChannel::SendFor(ChannelObject& object, const std::shared_ptr<Link>& link,
+                                              std::span<uint8_t> frame) {
+    Lock lock(object.sendMutex);
+    const std::shared_ptr<Link>& carrier = object.sideLink ? object.sideLink : link;
+    return carrier->Send(frame) ? carrier : nullptr;
+}
+
+bool ServiceChannel::SendPost(ChannelObject& object, const std::shared_ptr<Link>& link, MessageContext* message) {
+    const std::span<uint8_t> frame = message->Seal(FrameType::Post, object.number);
+    const std::shared_ptr<Link> carrier = SendFor(object, link, frame);
+    if (!carrier) return false;
+    carrier->FinishSend(frame.size(), !CallbackScope::IsActive());
     ContextTable::Release(message);
     return true;
 }
 
 // Once it is sent, the request may be answered and gone at any moment.
-bool ServiceChannel::SendRequest(const ChannelObject& object, Link& link, MessageContext* message,
+bool ServiceChannel::SendRequest(ChannelObject& object, const std::shared_ptr<Link>& link, MessageContext* message,
                                  const QSCRPC_ContextNotifySink& sink, void* sinkContext) {
     const std::span<uint8_t> frame = message->Seal(FrameType::Request, object.number);
+    std::shared_ptr<Link> carrier;
     {
         Lock lock(m_requestMutex);
         const auto [entry, isNew] = m_requests.try_emplace(message->requestId);
         if (!isNew) return false;
-        if (!link.Send(frame)) {
+        carrier = SendFor(object, link, frame);
+        if (!carrier) {
             m_requests.erase(entry);
             return false;
         }
         entry->second = {ContextPtr(message), sink, sinkContext};
     }
-    link.FinishSend(frame.size(), !CallbackScope::IsActive());
+    carrier->FinishSend(frame.size(), !CallbackScope::IsActive());
     return true;
 }
 
@@ -110,14 +125,14 @@ void ServiceChannel::OnMessage(const std::shared_ptr<Link>& link, const FrameVie
     if (!object) return RefuseMessage(*link, header);
     context->Receive(frame);
     void* hContext = context->Handle();
-    const Delivered outer = std::exchange(tDelivered, {context.get(), link});
+    const Delivered outer = std::exchange(tDelivered, {context.get(), link, object});
     if (object->sink.OnMsgInvoke) object->sink.OnMsgInvoke(object->sinkContext, hContext, nullptr);
     tDelivered = outer;
     // Another thread may have answered a deferred request and used its context up already.
     if (ContextTable::Find(hContext) != context.get() || context->GetState() != State::Inbound) {
         (void)context.release();
     } else if (context->isRequest) {
-        SendAnswer(*link, *context);
+        SendAnswer(*object, link, *context);
     }
 }
 
@@ -134,8 +149,12 @@ void ServiceChannel::RefuseMessage(Link& link, const FrameHeader& header) {
     SendFrame(link, abort, false);
 }
 
-bool ServiceChannel::SendAnswer(Link& link, MessageContext& context) {
-    return SendFrame(link, context.Seal(FrameType::Reply, 0), !CallbackScope::IsActive());
+bool ServiceChannel::SendAnswer(ChannelObject& object, const std::shared_ptr<Link>& link, MessageContext& context) {
+    const std::span<uint8_t> frame = context.Seal(FrameType::Reply, 0);
+    const std::shared_ptr<Link> carrier = SendFor(object, link, frame);
+    if (!carrier) return false;
+    carrier->FinishSend(frame.size(), !CallbackScope::IsActive());
+    return true;
 }
 
 void ServiceChannel::OnReply(const FrameView& frame) {
@@ -168,6 +187,7 @@ bool ServiceChannel::Defer(void* hContext) {
     }
     context->KeepReceived();
     context->origin = tDelivered.link;
+    context->receiver = tDelivered.object;
     context->Move(State::Inbound, State::Deferred);
     Lock lock(m_mutex);
     m_deferred.insert(hContext);
@@ -189,7 +209,7 @@ bool ServiceChannel::Respond(void* hContext, Values returnValues) {
     if (!complete) {
         ReportError("a return value of request " + std::to_string(context->requestId) + " can't be carried");
     }
-    return link && SendAnswer(*link, *context) && complete;
+    return link && SendAnswer(*context->receiver, link, *context) && complete;
 }
 
 }  // namespace qscservice

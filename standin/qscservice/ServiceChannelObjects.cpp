@@ -59,6 +59,7 @@ bool ServiceChannel::DestroyObject(void* hObject) {
         std::erase(channel->m_objects, object);
         tell = channel->m_channel == QSC_CHANNEL_CONNECTED;
     }
+    channel->EndSideChannel(object);
     if (tell) channel->SendControl(FrameType::ObjectDestroyed, {object->name});
     return true;
 }
@@ -87,25 +88,6 @@ bool ServiceChannel::ObjectOptions(void* hObject, uint32_t* options) {
                    (object->flags & peer->second.flags & QSC_OBJECT_SIDE_CHANNEL_SURGE);
     }
     return true;
-}
-
-bool ServiceChannel::IsSideChannelAvailable(uint32_t type) const {
-    return type < 32 && (m_options.sideChannels >> type & 1) != 0;
-}
-
-bool ServiceChannel::RequestSideChannel(void* hObject, uint32_t type) {
-    const ObjectPtr object = Registry::The().FindObject(hObject);
-    const std::shared_ptr<ServiceChannel> channel = object ? object->channel.lock() : nullptr;
-    if (!channel || !channel->IsSideChannelAvailable(type)) return false;
-    {
-        Lock lock(channel->m_mutex);
-        if (object->state != QSC_OBJECT_CONNECTED) return false;
-    }
-    if (channel->m_options.delivery != Delivery::Manual) {
-        channel->Enqueue(
-            [channel = channel.get(), object] { channel->SetObjectState(object, QSC_OBJECT_SIDE_CHANNEL_PENDING); });
-    }
-    return channel->SendControl(FrameType::SideChannelRequest, {object->name, type});
 }
 
 uint32_t ServiceChannel::ObjectNumber(const std::string& name) const {
@@ -190,6 +172,11 @@ void ServiceChannel::OnObjectDestroyed(const FrameView& frame) {
     ObjectPtr own;
     {
         Lock lock(m_mutex);
+        own = FindObject(name);
+    }
+    if (own) FinishSideChannel(own);
+    {
+        Lock lock(m_mutex);
         const auto peer = m_peerObjects.find(name);
         if (peer == m_peerObjects.end()) return;
         m_peerObjects.erase(peer);
@@ -199,31 +186,6 @@ void ServiceChannel::OnObjectDestroyed(const FrameView& frame) {
         if (!IsConnected(own->state)) return;
     }
     SetObjectState(own, QSC_OBJECT_DISCONNECTED);
-}
-
-void ServiceChannel::OnSideChannelRequest(const FrameView& frame) {
-    const std::vector<Value> values = ItemValues(frame);
-    const auto type = static_cast<uint32_t>(values[1].number);
-    ObjectPtr own;
-    {
-        Lock lock(m_mutex);
-        own = FindObject(values[0].text);
-        if (!own || !IsConnected(own->state) || !IsSideChannelAvailable(type)) own = nullptr;
-    }
-    if (!own) return ReportError("the peer asks for a side channel that is not available");
-    SetObjectState(own, QSC_OBJECT_SIDE_CHANNEL_PENDING);
-    SendControl(FrameType::SideChannelReady, {own->name});
-    SetObjectState(own, QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
-}
-
-void ServiceChannel::OnSideChannelReady(const FrameView& frame) {
-    ObjectPtr own;
-    {
-        Lock lock(m_mutex);
-        own = FindObject(ItemValues(frame)[0].text);
-        if (!own || own->state != QSC_OBJECT_SIDE_CHANNEL_PENDING) return;
-    }
-    SetObjectState(own, QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
 }
 
 }  // namespace qscservice

@@ -9,6 +9,7 @@
 
 #include "standin/qscservice/ChannelObject.h"
 #include "standin/qscservice/ServiceTables.h"
+#include "standin/qscservice/SideChannel.h"
 
 namespace qscservice {
 
@@ -43,10 +44,8 @@ const char* ShapeOf(FrameType type) {
         case FrameType::ObjectCreated:
             return "suu";
         case FrameType::ObjectReady:
-        case FrameType::SideChannelRequest:
             return "su";
         case FrameType::ObjectDestroyed:
-        case FrameType::SideChannelReady:
             return "s";
         case FrameType::MsgChannelOpened:
             return "su";
@@ -54,6 +53,17 @@ const char* ShapeOf(FrameType type) {
             return "u";
         case FrameType::MsgChannelWords:
             return "uUUU";
+        case FrameType::SideChannelRequest:
+            return "suU";
+        case FrameType::SideChannelOffer:
+            return "susUu";
+        case FrameType::SideChannelSwitch:
+        case FrameType::SideChannelRefused:
+            return "sU";
+        case FrameType::SideChannelEnd:
+            return "";
+        case FrameType::Greeting:
+            return "U";
         case FrameType::Post:
         case FrameType::Request:
         case FrameType::Reply:
@@ -97,11 +107,26 @@ bool HasItemsOfItsType(const FrameView& frame) {
     return index == length || (type == FrameType::Hello && index > length && index % 2 == 0);
 }
 
-// Only the client opens, only the server answers to that.
+// On the channel's connection. Only the client opens, only the server answers to that and offers addresses.
 bool MaySend(Role sender, FrameType type) {
-    if (type == FrameType::Open) return sender == Role::Client;
-    if (type == FrameType::Accept || type == FrameType::Reject) return sender == Role::Server;
-    return true;
+    switch (type) {
+        case FrameType::Open:
+        case FrameType::SideChannelRequest:
+            return sender == Role::Client;
+        case FrameType::Accept:
+        case FrameType::Reject:
+        case FrameType::SideChannelOffer:
+            return sender == Role::Server;
+        case FrameType::SideChannelEnd:
+        case FrameType::Greeting:
+            return false;
+        default:
+            return true;
+    }
+}
+
+bool IsForSideChannel(FrameType type) {
+    return IsMessage(type) || type == FrameType::Reply || type == FrameType::SideChannelEnd;
 }
 
 Role OtherRole(Role role) {
@@ -160,6 +185,7 @@ void ServiceChannel::Interrupt() {
         running = m_running;
     }
     if (running) running->Interrupt();
+    StopSideChannels();
 }
 
 bool ServiceChannel::Reconnect(std::string* error) {
@@ -215,8 +241,13 @@ std::string ServiceChannel::LastError() const {
 std::map<uint32_t, CommandCount> ServiceChannel::Counts() const {
     Lock lock(m_mutex);
     std::map<uint32_t, CommandCount> counts = m_counts;
-    if (!m_running) return counts;
-    for (const auto& [command, sent] : m_running->SentMessages()) counts[CommandKey(counts, command)].accepted += sent;
+    const auto add = [&counts](const Link& link) {
+        for (const auto& [command, sent] : link.SentMessages()) counts[CommandKey(counts, command)].accepted += sent;
+    };
+    if (m_running) add(*m_running);
+    for (const SidePtr& side : m_sides) {
+        if (const std::shared_ptr<Link> link = side->Connection()) add(*link);
+    }
     return counts;
 }
 
@@ -290,6 +321,7 @@ void ServiceChannel::BringLinkUp(const std::shared_ptr<Link>& link) {
 
 void ServiceChannel::TakeLinkDown(const std::shared_ptr<Link>& link) {
     link->Interrupt();
+    JoinSideChannels();
     {
         Lock lock(m_mutex);
         AddSentOf(*link);
@@ -340,8 +372,21 @@ bool ServiceChannel::OnFrame(const std::shared_ptr<Link>& link, const FrameView&
     return true;
 }
 
+// Only what was there when the wake came, so that side channels in a hurry don't keep the channel's own frames waiting.
 void ServiceChannel::OnWake() {
-    if (m_options.delivery == Delivery::Threaded) DeliverPending();
+    if (m_options.delivery != Delivery::Threaded) return;
+    size_t count = 0;
+    {
+        Lock lock(m_mutex);
+        count = m_queue.size();
+    }
+    while (count > 0 && DeliverNext()) --count;
+    std::shared_ptr<Link> running;
+    {
+        Lock lock(m_mutex);
+        if (!m_queue.empty()) running = m_running;
+    }
+    if (running) running->Wake();
 }
 
 // An owned channel answers the hello of its client, as that tells whose account it goes on with.
@@ -371,6 +416,19 @@ const char* ServiceChannel::Admit(Link& link, const FrameView& frame) {
     Lock lock(m_mutex);
     if (header.type == FrameType::Hello) return NoteHello(frame);
     if (IsMessage(header.type)) ++m_received[CommandKey(m_received, header.command)];
+    return nullptr;
+}
+
+// The same for a frame of a side connection, behind the greeting.
+const char* ServiceChannel::AdmitFromSide(Link& link, const FrameView& frame, uint32_t peerNumber) {
+    const FrameHeader& header = frame.header;
+    if (header.sequence != ++link.receivedFrames) return "a frame is out of sequence";
+    if (!IsForSideChannel(header.type)) return "a frame is of a type that has no place on a side channel";
+    if (!HasItemsOfItsType(frame)) return "a frame has items that are not of its type";
+    if (!IsMessage(header.type)) return nullptr;
+    if (header.object != peerNumber) return "a message is not of the side channel's object";
+    Lock lock(m_mutex);
+    ++m_received[CommandKey(m_received, header.command)];
     return nullptr;
 }
 

@@ -67,6 +67,11 @@ CommandTally Link::SentMessages() const {
     return m_sentMessages;
 }
 
+size_t Link::PendingBytes() const {
+    Lock lock(m_mutex);
+    return Pending();
+}
+
 SocketLink::SocketLink(Fd socket)
     : m_socket(std::move(socket)), m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)), m_pauseAbove(kPauseBytes) {
     const int on = 1;

@@ -78,6 +78,8 @@ public:
     virtual void Wake() {}
 
     CommandTally SentMessages() const;
+    // Bytes that were accepted and have not been sent yet.
+    size_t PendingBytes() const;
 
     // Written and read only by the thread that reads from the peer.
     uint32_t receivedFrames = 0;
@@ -172,8 +174,11 @@ public:
 
     // Where to connect: with the path or port that was made up.
     const std::string& Address() const { return m_address; }
-    // Waits for a connection. Closed after Stop, until Resume, or on an error that is then set.
-    Fd Accept(std::string* error);
+    // Waits for a connection, up to timeoutMS milliseconds (-1: no limit). Not open on a time-out, after Stop until
+    // Resume, or on an error that is then set.
+    Fd Accept(std::string* error, int timeoutMS = -1);
+    // Waits until there is something to read from fd, up to timeoutMS milliseconds. False on a time-out or after Stop.
+    bool WaitReadable(int fd, int timeoutMS);
     void Stop();
     void Resume();
 
@@ -187,7 +192,8 @@ private:
     std::string m_folder;
 };
 
-// Connects to an address of a Listener. Not open, with the error set, on failure.
-Fd ConnectSocket(const std::string& address, std::string* error);
+// Connects to an address of a Listener, for up to timeoutMS milliseconds (0: no limit). Not open, with the error set,
+// on failure.
+Fd ConnectSocket(const std::string& address, std::string* error, uint32_t timeoutMS = 0);
 
 }  // namespace qscservice

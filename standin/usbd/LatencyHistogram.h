@@ -22,16 +22,23 @@ public:
     }
 
     UsbReplayLatency Read() const {
-        std::array<uint64_t, kBuckets> counts;
         UsbReplayLatency latency;
         for (size_t i = 0; i < kBuckets; ++i) {
-            counts[i] = buckets[i].load(std::memory_order_relaxed);
-            latency.samples += counts[i];
+            const uint64_t count = buckets[i].load(std::memory_order_relaxed);
+            if (count > 0) latency.buckets[UpperBound(i)] = count;
+            latency.samples += count;
         }
         latency.maxNs = maxNs.load(std::memory_order_relaxed);
-        latency.p50Ns = std::min(latency.maxNs, Percentile(counts, (latency.samples + 1) / 2));
-        latency.p99Ns = std::min(latency.maxNs, Percentile(counts, latency.samples - latency.samples / 100));
+        SetPercentiles(&latency);
         return latency;
+    }
+
+    // Adds what another histogram read.
+    static void Merge(const UsbReplayLatency& more, UsbReplayLatency* sum) {
+        for (const auto& [bound, count] : more.buckets) sum->buckets[bound] += count;
+        sum->samples += more.samples;
+        sum->maxNs = std::max(sum->maxNs, more.maxNs);
+        SetPercentiles(sum);
     }
 
 private:
@@ -49,13 +56,18 @@ private:
         return (static_cast<uint64_t>(bucket - shift * 8 + 1) << shift) - 1;
     }
 
-    static uint64_t Percentile(const std::array<uint64_t, kBuckets>& counts, uint64_t rank) {
+    static void SetPercentiles(UsbReplayLatency* latency) {
+        latency->p50Ns = Percentile(*latency, (latency->samples + 1) / 2);
+        latency->p99Ns = Percentile(*latency, latency->samples - latency->samples / 100);
+    }
+
+    static uint64_t Percentile(const UsbReplayLatency& latency, uint64_t rank) {
         uint64_t seen = 0;
-        for (size_t i = 0; i < kBuckets; ++i) {
-            seen += counts[i];
-            if (seen >= rank) return UpperBound(i);
+        for (const auto& [bound, count] : latency.buckets) {
+            seen += count;
+            if (seen >= rank) return std::min(latency.maxNs, bound);
         }
-        return UINT64_MAX;
+        return latency.maxNs;
     }
 
     std::array<std::atomic<uint64_t>, kBuckets> buckets{};

@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -62,7 +63,8 @@ struct UsbReplayLatency {
     uint64_t samples = 0;
     uint64_t p50Ns = 0;  // upper bound of the percentile's bucket, at most 1/8 above the true value
     uint64_t p99Ns = 0;
-    uint64_t maxNs = 0;  // exact
+    uint64_t maxNs = 0;                    // exact
+    std::map<uint64_t, uint64_t> buckets;  // samples by the upper bound of their bucket in nanoseconds
 };
 
 // Counted from the last UsbdReplay_Configure, over all starts of the daemon since.

@@ -281,6 +281,8 @@ TEST_F(RawPeerTest, IsShutOutWithAClearErrorWhenItBreaksTheRulesAndTheNextIsServ
         {{Hello(std::vector<Value>(1, Value("x")))}, items},
         {{Hello(), MakeFrame(FrameType::Accept, {Value(1u), Value(int32_t{0})})}, right},
         {{Hello(), MakeFrame(FrameType::Reject, {Value(1u)})}, right},
+        {{Hello(), MakeFrame(FrameType::SideChannelEnd, {})}, right},
+        {{Hello(), MakeFrame(FrameType::Greeting, {Value(uint64_t{1})})}, right},
         {{Hello(), MakeFrame(FrameType::Open, {})}, items},
         {{Hello(), MakeFrame(FrameType::Open, {Value(1u), Value(1u)})}, items},
         {{Hello(), MakeFrame(FrameType::Open, {Value("1")})}, items},
@@ -350,8 +352,9 @@ TEST_F(RawPeerTest, MessagesAnswersAndAbortsThatNobodyAskedForDoNoHarm) {
     Send(MakeFrame(FrameType::Close, {Value(9u)}));
     Send(MakeFrame(FrameType::ObjectReady, {Value("x"), Value(1u)}));
     Send(MakeFrame(FrameType::ObjectDestroyed, {Value("x")}));
-    Send(MakeFrame(FrameType::SideChannelReady, {Value("x")}));
-    Send(MakeFrame(FrameType::SideChannelRequest, {Value("x"), Value(1u)}));
+    Send(MakeFrame(FrameType::SideChannelRequest, {Value("x"), Value(1u), Value(uint64_t{5})}));
+    Send(MakeFrame(FrameType::SideChannelSwitch, {Value("x"), Value(uint64_t{5})}));
+    Send(MakeFrame(FrameType::SideChannelRefused, {Value("x"), Value(uint64_t{5})}));
     Send(MakeFrame(FrameType::ObjectCreated, {Value("early"), Value(1u), Value(0u)}));
     Send(MakeFrame(FrameType::Open, {Value(1u)}));
     Send(MakeFrame(FrameType::Open, {Value(2u)}));

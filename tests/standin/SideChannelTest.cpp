@@ -1,0 +1,729 @@
+// Side channels: a second connection of one object. Order, failure, falls and ends, and what is left behind.
+#include "standin/qscservice/SideChannel.h"
+
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "standin/qscservice/ServiceTables.h"
+#include "tests/standin/ChannelEnd.h"
+#include "tests/standin/Descriptors.h"
+
+namespace {
+
+using namespace qscservice;
+
+using Bytes = std::vector<uint8_t>;
+
+constexpr uint32_t kShortLimitMS = 100;
+
+ChannelOptions WithLimit(ChannelOptions options, uint32_t limitMS = kShortLimitMS) {
+    options.meetLimitMS = limitMS;
+    return options;
+}
+
+// Takes lines until the object has told of its state for so many times.
+void AwaitStates(ChannelEnd& end, int count) {
+    for (int i = 0; i < count; ++i) end.journal.TakeUntil("object state");
+}
+
+// What is sent to an object that is gone is still received.
+void AwaitReceived(const ChannelEnd& end, uint64_t count) {
+    const auto received = [&] { return end.Total().delivered + end.Total().undeliverable; };
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLongMS);
+    while (received() < count && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+    EXPECT_EQ(received(), count);
+}
+
+// Threads that send numbered messages on an object until they are stopped; the command tells thread and number.
+class Load {
+public:
+    static constexpr uint32_t kThreads = 3;
+
+    Load(ChannelEnd& end, std::atomic<void*>& hObject) {
+        for (uint32_t i = 0; i < kThreads; ++i) {
+            m_threads.emplace_back([this, &end, &hObject, i] {
+                for (uint32_t n = 0; !m_stop;) {
+                    const bool post = n % 5 != 0;
+                    if (end.Send(hObject, i << 24 | n, n % 7 * 1500, post) == 0) continue;
+                    ++accepted;
+                    if (!post) ++requests;
+                    sent[i] = ++n;
+                }
+            });
+        }
+    }
+    ~Load() { Stop(); }
+
+    void Stop() {
+        m_stop = true;
+        for (std::thread& thread : m_threads) thread.join();
+        m_threads.clear();
+    }
+
+    std::atomic<uint64_t> accepted{0}, requests{0};
+    std::array<std::atomic<uint32_t>, kThreads> sent{};
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::vector<std::thread> m_threads;
+};
+
+// Hears what a Load at the other end sends.
+class Hearer {
+public:
+    explicit Hearer(ChannelEnd& end) {
+        end.onMessage = [this](void*, uint32_t command) {
+            uint32_t& next = m_next[command >> 24];
+            if ((command & 0xFFFFFF) != next) ++outOfOrder;
+            next = (command & 0xFFFFFF) + 1;
+            ++heard;
+        };
+    }
+
+    void Await(uint64_t count) const {
+        while (heard < count) std::this_thread::yield();
+    }
+
+    std::atomic<uint64_t> heard{0}, outOfOrder{0};
+
+private:
+    std::array<uint32_t, Load::kThreads> m_next{};
+};
+
+class SideChannelPair : public ChannelPair {
+public:
+    explicit SideChannelPair(const ChannelOptions& client = {}, const ChannelOptions& server = ServerOptions())
+        : ChannelPair(client, server) {}
+
+    void OpenAt(const std::string& address) {
+        std::string error;
+        ASSERT_TRUE(server.channel->Listen(address, &error)) << error;
+        ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
+        AwaitOpen();
+    }
+
+    void MoveTo(uint32_t type, bool byServer = false) {
+        ASSERT_TRUE(ServiceChannel::RequestSideChannel(byServer ? atServer : atClient, type));
+        AwaitStates(client, 2);
+        AwaitStates(server, 2);
+        for (void* hObject : {atClient, atServer}) {
+            ASSERT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
+        }
+    }
+
+    // With both ends' counts of one direction: nothing is lost and nothing is missing in the account.
+    static void ExpectAccount(const ChannelEnd& from, const ChannelEnd& to) {
+        const CommandCount sent = from.Total();
+        const CommandCount received = to.Total();
+        EXPECT_EQ(sent.accepted, sent.confirmed + sent.cut);
+        EXPECT_EQ(sent.confirmed, received.delivered + received.undeliverable);
+    }
+};
+
+class SideChannelTest : public SideChannelPair {};
+
+// For tests that need more than one pair.
+struct Ends : SideChannelPair {
+    using ChannelPair::client, ChannelPair::server, ChannelPair::atClient, ChannelPair::atServer;
+    using SideChannelPair::SideChannelPair, ChannelPair::ConnectObject;
+    void TestBody() override {}
+};
+
+TEST(SideChannelSwitch, KeepsTheOrderOfWhatBothEndsSendMeanwhile) {
+    struct Case {
+        const char* main;
+        uint32_t type;
+        bool byServer;
+        int family;
+    };
+    for (const Case& c : {Case{"unix:", QSC_SIDE_CHANNEL_TCP, false, AF_INET},
+                          {"unix:", QSC_SIDE_CHANNEL_VIRTUAL, false, AF_UNIX},
+                          {"unix:", QSC_SIDE_CHANNEL_SURGE, true, AF_UNIX},
+                          {"tcp:", QSC_SIDE_CHANNEL_TCP, true, AF_INET},
+                          {"tcp:", QSC_SIDE_CHANNEL_VIRTUAL, true, AF_UNIX},
+                          {"tcp:", QSC_SIDE_CHANNEL_QVC_RAW, false, AF_UNIX}}) {
+        SCOPED_TRACE(std::string(c.main) + " type " + std::to_string(c.type) + (c.byServer ? " server" : " client"));
+        const Resources atStart;
+        {
+            Ends ends;
+            ends.OpenAt(c.main);
+            ends.ConnectObject();
+            const Resources before;
+            const auto sockets = ConnectedSockets(c.family);
+            Hearer atServer(ends.server);
+            Hearer atClient(ends.client);
+            std::atomic<void*> hClient{ends.atClient};
+            std::atomic<void*> hServer{ends.atServer};
+            Load up(ends.client, hClient);
+            Load down(ends.server, hServer);
+            atServer.Await(100);
+            atClient.Await(100);
+            ASSERT_TRUE(ServiceChannel::RequestSideChannel(c.byServer ? hServer : hClient, c.type));
+            AwaitStates(ends.client, 2);
+            AwaitStates(ends.server, 2);
+            EXPECT_EQ(NewSockets(c.family, sockets).size(), 2u);
+            atServer.Await(atServer.heard + 500);
+            atClient.Await(atClient.heard + 500);
+            up.Stop();
+            down.Stop();
+            // Whatever was accepted is heard before the object goes.
+            const bool serverFirst = c.byServer;
+            EXPECT_TRUE(ServiceChannel::DestroyObject(serverFirst ? ends.atServer : ends.atClient));
+            AwaitStates(serverFirst ? ends.client : ends.server, 1);
+            EXPECT_EQ((serverFirst ? atClient : atServer).heard, (serverFirst ? down : up).accepted);
+            EXPECT_TRUE(ServiceChannel::DestroyObject(serverFirst ? ends.atClient : ends.atServer));
+            EXPECT_EQ(atServer.outOfOrder + atClient.outOfOrder, 0u);
+            ExpectBackTo(before);
+            EXPECT_EQ(ends.client.Total().accepted, up.accepted);
+            EXPECT_EQ(ends.server.Total().accepted, down.accepted);
+            AwaitReceived(ends.server, up.accepted);
+            AwaitReceived(ends.client, down.accepted);
+        }
+        ExpectBackTo(atStart);
+    }
+    EXPECT_EQ(ContextTable::Live(), 0u);
+}
+
+TEST_F(SideChannelTest, CarriesRequestsAndLateAnswers) {
+    Open();
+    ConnectObject();
+    std::vector<void*> tickets;
+    server.onMessage = [&](void* hContext, uint32_t command) {
+        if (command != 1) return;
+        EXPECT_TRUE(server.channel->Defer(hContext));
+        tickets.push_back(hContext);
+        server.journal.Add("deferred");
+    };
+    const std::string before = std::to_string(client.Request(atClient, 1));
+    server.journal.TakeUntil("deferred");
+    MoveTo(QSC_SIDE_CHANNEL_TCP);
+    const std::string after = std::to_string(client.Request(atClient, 1));
+    server.journal.TakeUntil("deferred");
+    const std::string prompt = std::to_string(client.Request(atClient, 2));
+    EXPECT_EQ(client.journal.TakeUntil("done " + prompt), Texts{"done " + prompt});
+    for (void* ticket : tickets) EXPECT_TRUE(server.channel->Respond(ticket, {Value(1u)}));
+    EXPECT_EQ(client.journal.TakeUntil("done " + after), (Texts{"done " + before, "done " + after}));
+    EXPECT_EQ(client.channel->OpenRequests(), 0u);
+}
+
+// A post behind an answer that belongs to the same object comes behind it, on the side channel as well.
+TEST_F(SideChannelTest, OtherObjectsStayOnTheChannelsConnection) {
+    Open();
+    ConnectObject();
+    void* otherAtServer = server.Create("other");
+    client.journal.TakeUntil("peer other");
+    void* otherAtClient = client.Create("other");
+    client.journal.TakeUntil("other state");
+    server.journal.TakeUntil("other state");
+    MoveTo(QSC_SIDE_CHANNEL_VIRTUAL);
+    EXPECT_EQ(ServiceChannel::ObjectState(otherAtClient), QSC_OBJECT_CONNECTED);
+    ASSERT_NE(client.Send(otherAtClient, 1), 0u);
+    server.journal.TakeUntil("other message 1");
+    ASSERT_TRUE(ServiceChannel::RequestSideChannel(otherAtServer, QSC_SIDE_CHANNEL_TCP));
+    for (ChannelEnd* end : {&client, &server}) {
+        end->journal.TakeUntil("other state");
+        end->journal.TakeUntil("other state");
+    }
+    ASSERT_NE(client.Send(otherAtClient, 2), 0u);
+    ASSERT_NE(client.Send(atClient, 3), 0u);
+    const Texts heard = server.journal.Take(2);
+    EXPECT_EQ(std::set<std::string>(heard.begin(), heard.end()),
+              (std::set<std::string>{"object message 3", "other message 2"}));
+}
+
+class PolledSideChannelTest : public SideChannelPair {
+protected:
+    PolledSideChannelTest() : SideChannelPair({.delivery = Delivery::Polled}) {}
+
+    void PollUntil(const std::string& line) {
+        for (bool heard = false; !heard;) {
+            client.channel->PollWait(kLongMS);
+            const Texts lines = client.journal.Take(0);
+            for (const std::string& text : lines) {
+                heard = heard || text == line;
+                if (text == "object state") states.push_back(ServiceChannel::ObjectState(atClient));
+            }
+        }
+    }
+
+    std::vector<QSCRPC_ObjectState> states;
+};
+
+TEST_F(PolledSideChannelTest, DeliversOnThePollingThreadAndHoldsUpThePeer) {
+    std::string error;
+    ASSERT_TRUE(server.channel->Listen("tcp:", &error)) << error;
+    ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
+    PollUntil("channel 2");
+    server.journal.TakeUntil("channel 2");
+    atServer = server.Create("object");
+    PollUntil("peer object");
+    atClient = client.Create("object");
+    PollUntil("object state");
+    AwaitStates(server, 1);
+    ASSERT_TRUE(ServiceChannel::RequestSideChannel(atClient, QSC_SIDE_CHANNEL_TCP));
+    while (ServiceChannel::ObjectState(atClient) != QSC_OBJECT_SIDE_CHANNEL_CONNECTED) client.channel->PollWait(100);
+    AwaitStates(server, 2);
+
+    constexpr uint32_t kMessages = 64;
+    std::atomic<uint32_t> sent{0};
+    std::thread sender([&] {
+        for (; sent < kMessages; ++sent) ASSERT_NE(server.Send(atServer, sent, 1 << 20), 0u);
+    });
+    uint32_t received = 0;
+    client.onMessage = [&](void*, uint32_t command) {
+        EXPECT_EQ(command, received);
+        if (received++ != 0) return;
+        while (sent < 16) std::this_thread::yield();
+        for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+        EXPECT_LE(sent.load(), 30u);
+    };
+    while (received < kMessages) client.channel->PollWait(kLongMS);
+    sender.join();
+    EXPECT_TRUE(ServiceChannel::DestroyObject(atServer));
+    while (ServiceChannel::ObjectState(atClient) != QSC_OBJECT_DISCONNECTED) client.channel->PollWait(100);
+}
+
+TEST_F(SideChannelTest, IsRefusedWhereItCannotBe) {
+    Open();
+    atServer = server.Create("object");
+    EXPECT_FALSE(ServiceChannel::RequestSideChannel(atServer, QSC_SIDE_CHANNEL_TCP));
+    EXPECT_FALSE(ServiceChannel::RequestSideChannel(nullptr, QSC_SIDE_CHANNEL_TCP));
+    ServiceChannel::DestroyObject(atServer);
+    client.journal.TakeUntil("peer object");
+    ConnectObject();
+    for (const uint32_t type : {0u, 5u, 32u, 99u}) EXPECT_FALSE(ServiceChannel::RequestSideChannel(atClient, type));
+    MoveTo(QSC_SIDE_CHANNEL_TCP);
+    EXPECT_FALSE(ServiceChannel::RequestSideChannel(atClient, QSC_SIDE_CHANNEL_TCP));
+    EXPECT_FALSE(ServiceChannel::RequestSideChannel(atServer, QSC_SIDE_CHANNEL_VIRTUAL));
+}
+
+// The asking end lacks nothing; what the other end lacks makes the request fail.
+TEST(SideChannelFailure, TakesTheAskingObjectBackToConnectedOnceAndMessagesKeepTheirWay) {
+    struct Case {
+        bool byServer;
+        uint32_t atClient, atServer;
+        const char* folder;  // for the sockets of the server
+    };
+    const char* before = std::getenv("TMPDIR");
+    const std::string folder = before ? before : "/tmp";
+    const Resources atStart;
+    Texts errors;
+    SetErrorHandler([&](std::string_view line) { errors.emplace_back(line); });
+    for (const Case& c :
+         {Case{false, 0x1E, 0x1C, nullptr}, {true, 0x1C, 0x1E, nullptr}, {false, 0x1E, 0x1E, "/nowhere/at/all"}}) {
+        ChannelOptions client;
+        client.sideChannels = c.atClient;
+        ChannelOptions server = ServerOptions();
+        server.sideChannels = c.atServer;
+        Ends ends(client, server);
+        ends.OpenAt("tcp:");
+        ends.ConnectObject();
+        if (c.folder) setenv("TMPDIR", c.folder, 1);
+        ChannelEnd& asking = c.byServer ? ends.server : ends.client;
+        ChannelEnd& other = c.byServer ? ends.client : ends.server;
+        void* hAsking = c.byServer ? ends.atServer : ends.atClient;
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(ServiceChannel::RequestSideChannel(hAsking, QSC_SIDE_CHANNEL_VIRTUAL));
+            AwaitStates(asking, 2);
+            EXPECT_EQ(ServiceChannel::ObjectState(hAsking), QSC_OBJECT_CONNECTED);
+        }
+        if (before)
+            setenv("TMPDIR", folder.c_str(), 1);
+        else
+            unsetenv("TMPDIR");
+        ASSERT_NE(ends.client.Send(ends.atClient, 1), 0u);
+        ASSERT_NE(ends.server.Send(ends.atServer, 2), 0u);
+        EXPECT_EQ(asking.journal.Take(1), Texts{"object message " + std::to_string(c.byServer ? 1 : 2)});
+        EXPECT_EQ(other.journal.Take(1), Texts{"object message " + std::to_string(c.byServer ? 2 : 1)});
+        ends.MoveTo(QSC_SIDE_CHANNEL_TCP, c.byServer);
+    }
+    SetErrorHandler({});
+    EXPECT_EQ(errors.size(), 6u);  // each failure is told of once
+    ExpectBackTo(atStart);
+}
+
+TEST_F(SideChannelTest, BothEndsMayAskAtOnce) {
+    Open();
+    for (int round = 0; round < 30; ++round) {
+        ConnectObject();
+        std::thread other([&] { ServiceChannel::RequestSideChannel(atServer, QSC_SIDE_CHANNEL_TCP); });
+        ServiceChannel::RequestSideChannel(atClient, QSC_SIDE_CHANNEL_VIRTUAL);
+        other.join();
+        AwaitStates(client, 2);
+        AwaitStates(server, 2);
+        for (void* hObject : {atClient, atServer}) {
+            ASSERT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
+        }
+        ASSERT_NE(client.Send(atClient, 7), 0u);
+        EXPECT_EQ(server.journal.Take(1), Texts{"object message 7"});
+        ServiceChannel::DestroyObject(atClient);
+        AwaitStates(server, 1);
+        ServiceChannel::DestroyObject(atServer);
+    }
+}
+
+// The object goes at any point of the way to its side channel: the channel stays, and the account with it.
+TEST_F(SideChannelTest, AnObjectMayGoInTheMiddle) {
+    Open();
+    const Resources before;
+    uint64_t sent = 0;
+    for (int round = 0; round < 120; ++round) {
+        atServer = server.Create("object");
+        client.journal.TakeUntil("peer object");
+        atClient = client.Create("object");
+        AwaitStates(client, 1);
+        AwaitStates(server, 1);
+        const bool byServer = round % 2 == 0;
+        const bool serverGoes = round % 4 < 2;
+        ASSERT_TRUE(ServiceChannel::RequestSideChannel(byServer ? atServer : atClient, 1 + round % 4));
+        for (int i = 0; i < round % 60 * 20; ++i) std::this_thread::yield();
+        if (client.Send(atClient, 1, 3000) != 0) ++sent;
+        ServiceChannel::DestroyObject(serverGoes ? atServer : atClient);
+        ChannelEnd& other = serverGoes ? client : server;
+        void* hOther = serverGoes ? atClient : atServer;
+        while (ServiceChannel::ObjectState(hOther) != QSC_OBJECT_DISCONNECTED) other.journal.Take(1);
+        ServiceChannel::DestroyObject(hOther);
+        client.journal.Take(0);
+        server.journal.Take(0);
+    }
+    ExpectBackTo(before);
+    EXPECT_EQ(client.Total().accepted, sent);
+    AwaitReceived(server, sent);
+    EXPECT_EQ(client.channel->ConnectionState(), QSC_CONNECTION_CONNECTED);
+    EXPECT_EQ(client.channel->LastError() + server.channel->LastError(), "");
+}
+
+TEST_F(SideChannelTest, EndsWithADisconnectAndTheNextChannelHasItsOwn) {
+    Open();
+    const Resources before;
+    for (ChannelEnd* first : {&client, &server}) {
+        ConnectObject();
+        MoveTo(QSC_SIDE_CHANNEL_TCP, first == &server);
+        ChannelEnd& other = first == &client ? server : client;
+        std::atomic<uint32_t> heard{0};
+        other.onMessage = [&](void*, uint32_t) { ++heard; };
+        void* hObject = first == &client ? atClient : atServer;
+        for (uint32_t i = 0; i < 200; ++i) ASSERT_NE(first->Send(hObject, 1, 5000), 0u);
+        EXPECT_TRUE(first->channel->Disconnect());
+        other.journal.TakeUntil("channel 0");
+        EXPECT_EQ(heard, 200u);
+        for (void* h : {atClient, atServer}) EXPECT_TRUE(ServiceChannel::DestroyObject(h));
+        ExpectBackTo(before);
+        EXPECT_TRUE(client.channel->Connect());
+        client.journal.TakeUntil("channel 2");
+        server.journal.TakeUntil("channel 2");
+    }
+}
+
+enum class Cut { ByClient, ByServer, SideOfClient, SideOfServer, InTheMiddle };
+
+// Threads send both ways while the connections fall over and over: no message goes unaccounted for.
+TEST_F(SideChannelTest, FallsWithTheChannelAndTheAccountStaysExact) {
+    constexpr int kFalls = 25;
+    Open();
+    Hearer atServerEnd(server);
+    Hearer atClientEnd(client);
+    std::atomic<void*> hClient{nullptr};
+    std::atomic<void*> hServer{nullptr};
+    Load up(client, hClient);
+    Load down(server, hServer);
+    uint64_t closed = 0;
+    const auto countClosed = [&](const Texts& lines) {
+        closed += static_cast<uint64_t>(std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
+            return line.starts_with("done ") || line.starts_with("abort ");
+        }));
+    };
+    const auto awaitStates = [&](int count) {
+        for (int i = 0; i < count; ++i) {
+            for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.TakeUntil("object state"));
+        }
+    };
+    std::string error;
+    for (int fall = 0; fall < kFalls; ++fall) {
+        const uint32_t type = 1 + fall % 4;
+        const int family = type == QSC_SIDE_CHANNEL_TCP ? AF_INET : AF_UNIX;
+        atServer = server.Create("object");
+        countClosed(client.journal.TakeUntil("peer object"));
+        atClient = client.Create("object");
+        hServer = atServer;
+        hClient = atClient;
+        awaitStates(1);
+        const auto sockets = ConnectedSockets(family);
+        const auto cut = static_cast<Cut>(fall % 5);
+        ASSERT_TRUE(ServiceChannel::RequestSideChannel(fall % 2 ? atServer : atClient, type));
+        if (cut != Cut::InTheMiddle) {
+            awaitStates(2);
+            atServerEnd.Await(atServerEnd.heard + 50);
+            atClientEnd.Await(atClientEnd.heard + 50);
+        } else {
+            for (int i = 0; i < fall * 20; ++i) std::this_thread::yield();
+        }
+        if (cut == Cut::SideOfClient || cut == Cut::SideOfServer) {
+            const std::vector<int> side = NewSockets(family, sockets);
+            ASSERT_EQ(side.size(), 2u);
+            shutdown(cut == Cut::SideOfClient ? side.front() : side.back(), SHUT_RDWR);
+        } else {
+            (cut == Cut::ByServer ? server : client).channel->Interrupt();
+        }
+        for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.TakeUntil("connection 0"));
+        for (void* hObject : {atClient, atServer}) {
+            EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_DISCONNECTED);
+            ServiceChannel::DestroyObject(hObject);
+        }
+        ASSERT_TRUE(client.channel->Reconnect(&error)) << error;
+        for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.TakeUntil("channel 2"));
+    }
+    up.Stop();
+    down.Stop();
+    for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.Take(0));
+    EXPECT_EQ(client.Total().accepted, up.accepted);
+    EXPECT_EQ(server.Total().accepted, down.accepted);
+    ExpectAccount(client, server);
+    ExpectAccount(server, client);
+    EXPECT_EQ(closed, up.requests + down.requests);
+    EXPECT_EQ(client.channel->OpenRequests() + server.channel->OpenRequests(), 0u);
+    EXPECT_EQ(ContextTable::Live(), 0u);
+}
+
+TEST(SideChannelEnds, NothingIsLeftWhenTheChannelCloses) {
+    const Resources before;
+    for (int round = 0; round < 20; ++round) {
+        ChannelEnd server(ServerOptions());
+        ChannelEnd client({});
+        std::string error;
+        ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
+        ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
+        client.journal.TakeUntil("channel 2");
+        server.journal.TakeUntil("channel 2");
+        void* atServer = server.Create("object");
+        client.journal.TakeUntil("peer object");
+        void* atClient = client.Create("object");
+        AwaitStates(client, 1);
+        AwaitStates(server, 1);
+        ASSERT_TRUE(ServiceChannel::RequestSideChannel(round % 2 ? atClient : atServer, 1 + round % 4));
+        if (round % 3 == 0) AwaitStates(client, 2);
+        (round % 2 ? server : client).channel->Close();
+    }
+    ExpectBackTo(before);
+}
+
+// A peer of raw frames.
+class RawEnd {
+public:
+    explicit RawEnd(Fd socket) : m_socket(std::move(socket)) {}
+
+    void Send(Bytes frame) {
+        FrameHeader header;
+        std::memcpy(&header, frame.data(), sizeof header);
+        header.sequence = ++m_sequence;
+        std::memcpy(frame.data(), &header, sizeof header);
+        ASSERT_EQ(send(m_socket.Get(), frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
+    }
+
+    void SayHello(Role role) {
+        Send(MakeFrame(FrameType::Hello,
+                       {Value(1u), Value(static_cast<uint32_t>(role)), Value(uint64_t{77}), Value(uint64_t{0})}));
+    }
+
+    // Reads frames up to one of this type, and gives its values; they live until the next call.
+    std::vector<Value> Await(FrameType type) {
+        m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_used));
+        m_used = 0;
+        for (;;) {
+            FrameView frame;
+            const auto rest = std::span<const uint8_t>(m_bytes).subspan(m_used);
+            const DecodeResult result = DecodeFrame(rest, &frame);
+            if (result.status == DecodeResult::Complete) {
+                m_used += result.size;
+                if (frame.header.type == type) return ItemValues(frame);
+                continue;
+            }
+            uint8_t more[4096];
+            const ssize_t count = recv(m_socket.Get(), more, sizeof more, 0);
+            if (count <= 0) {
+                ADD_FAILURE() << "the other end has hung up";
+                return {};
+            }
+            m_bytes.insert(m_bytes.end(), more, more + count);
+        }
+    }
+
+private:
+    Fd m_socket;
+    uint32_t m_sequence = 0;
+    Bytes m_bytes;
+    size_t m_used = 0;
+};
+
+TEST(SideChannelTimeOut, AServerThatNobodyDialsGoesBackAndTellsTheClient) {
+    ChannelEnd server(WithLimit(ServerOptions()));
+    std::string error;
+    ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
+    RawEnd client(ConnectSocket(server.channel->Address(), &error));
+    client.SayHello(Role::Client);
+    client.Send(MakeFrame(FrameType::Open, {Value(1u)}));
+    server.journal.TakeUntil("channel 2");
+    void* hObject = server.Create("object");
+    client.Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
+    AwaitStates(server, 1);
+    const Resources before;
+    for (const bool asks : {true, false}) {
+        if (asks)
+            client.Send(MakeFrame(FrameType::SideChannelRequest, {Value("object"), Value(2u), Value(uint64_t{9})}));
+        else
+            ASSERT_TRUE(ServiceChannel::RequestSideChannel(hObject, QSC_SIDE_CHANNEL_VIRTUAL));
+        const std::vector<Value> offer = client.Await(FrameType::SideChannelOffer);
+        ASSERT_EQ(offer.size(), 5u);
+        EXPECT_EQ(offer[2].text.substr(0, 4), asks ? "tcp:" : "unix");
+        EXPECT_EQ(offer[4].number, asks ? 1u : 0u);
+        // A stranger has no say in it.
+        const std::string address(offer[2].text);
+        const uint64_t number = offer[3].number;
+        RawEnd stranger(ConnectSocket(address, &error));
+        stranger.Send(MakeGreeting(number + 1));
+        AwaitStates(server, 2);
+        EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_CONNECTED);
+        EXPECT_EQ(client.Await(FrameType::SideChannelRefused)[1].number, number);
+        ASSERT_FALSE(ConnectSocket(address, &error).IsOpen());
+    }
+    ExpectBackTo(before);
+    EXPECT_NE(server.Send(hObject, 1), 0u);
+    client.Await(FrameType::Post);
+}
+
+TEST(SideChannelTimeOut, AClientGoesBackWhenTheServerIsSilentOrOffersNothingThatWorks) {
+    SetErrorHandler([](std::string_view) {});
+    std::string error;
+    const auto listener = Listener::Open("unix:", &error);
+    ASSERT_TRUE(listener) << error;
+    ChannelEnd client(WithLimit({}));
+    ASSERT_TRUE(client.channel->Dial(listener->Address(), &error)) << error;
+    RawEnd server(listener->Accept(&error));
+    server.SayHello(Role::Server);
+    server.Await(FrameType::Open);
+    server.Send(MakeFrame(FrameType::Accept, {Value(1u), Value(int32_t{0})}));
+    server.Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
+    client.journal.TakeUntil("peer object");
+    void* hObject = client.Create("object");
+    server.Send(MakeFrame(FrameType::ObjectReady, {Value("object"), Value(1u)}));
+    AwaitStates(client, 1);
+    const Resources before;
+    const auto offer = [&](const char* address, uint64_t number, bool asked) {
+        server.Send(MakeFrame(FrameType::SideChannelOffer,
+                              {Value("object"), Value(1u), Value(address), Value(number), Value(asked ? 1u : 0u)}));
+    };
+    for (const char* address : {"", "unix:/nowhere/at/all", "nonsense"}) {
+        ASSERT_TRUE(ServiceChannel::RequestSideChannel(hObject, QSC_SIDE_CHANNEL_VIRTUAL));
+        const uint64_t number = server.Await(FrameType::SideChannelRequest)[2].number;
+        if (*address) offer(address, number, true);
+        AwaitStates(client, 2);
+        EXPECT_EQ(server.Await(FrameType::SideChannelRefused)[1].number, number);
+        EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_CONNECTED);
+        offer(listener->Address().c_str(), number, true);  // too late
+        EXPECT_EQ(server.Await(FrameType::SideChannelRefused)[1].number, number);
+    }
+    // An offer of the server's own, and a refusal after the dial.
+    offer("unix:/nowhere/at/all", 5, false);
+    AwaitStates(client, 2);
+    EXPECT_EQ(server.Await(FrameType::SideChannelRefused)[1].number, 5u);
+    offer(listener->Address().c_str(), 6, false);
+    RawEnd side(listener->Accept(&error));
+    EXPECT_EQ(side.Await(FrameType::Greeting)[0].number, 6u);
+    server.Send(MakeFrame(FrameType::SideChannelRefused, {Value("object"), Value(uint64_t{6})}));
+    AwaitStates(client, 2);
+    EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_CONNECTED);
+    EXPECT_NE(client.Send(hObject, 1), 0u);
+    server.Await(FrameType::Post);
+    SetErrorHandler({});
+}
+
+TEST(SideChannelRules, APeerThatBreaksThemOnTheSideIsShutOut) {
+    SetErrorHandler([](std::string_view) {});
+    const auto post = [](uint32_t object) {
+        FrameHeader header = {};
+        header.type = FrameType::Post;
+        header.object = object;
+        Bytes frame;
+        BeginFrame(&frame);
+        SealFrame(&frame, header);
+        return frame;
+    };
+    struct Case {
+        std::vector<Bytes> frames;
+        const char* error;
+    };
+    for (const Case& c :
+         {Case{{Bytes(64, 0)}, "frame does not begin with the frame mark"},
+          {{MakeFrame(FrameType::Close, {Value(1u)})}, "a frame is of a type that has no place on a side channel"},
+          {{post(2)}, "a message is not of the side channel's object"},
+          {{MakeFrame(FrameType::SideChannelEnd, {Value(1u)})}, "a frame has items that are not of its type"},
+          {{MakeFrame(FrameType::SideChannelEnd, {}), post(1)}, "a frame follows the last one of a side channel"},
+          {{post(1), Bytes()}, ""}}) {
+        ChannelEnd server(ServerOptions());
+        std::string error;
+        ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
+        RawEnd client(ConnectSocket(server.channel->Address(), &error));
+        client.SayHello(Role::Client);
+        client.Send(MakeFrame(FrameType::Open, {Value(1u)}));
+        server.journal.TakeUntil("channel 2");
+        void* hObject = server.Create("object");
+        client.Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
+        AwaitStates(server, 1);
+        client.Send(MakeFrame(FrameType::SideChannelRequest, {Value("object"), Value(1u), Value(uint64_t{9})}));
+        const std::string address(client.Await(FrameType::SideChannelOffer)[2].text);
+        auto side = std::make_unique<RawEnd>(ConnectSocket(address, &error));
+        side->Send(MakeGreeting(9));
+        client.Await(FrameType::SideChannelSwitch);
+        for (const Bytes& frame : c.frames) {
+            if (!frame.empty()) side->Send(frame);
+        }
+        // It is read no sooner than the switch.
+        client.Send(post(1));
+        EXPECT_EQ(server.journal.TakeUntil("object message 0"), (Texts{"object state", "object message 0"}));
+        EXPECT_EQ(server.channel->LastError(), "");
+        client.Send(MakeFrame(FrameType::SideChannelSwitch, {Value("object"), Value(uint64_t{9})}));
+        if (*c.error == '\0') {
+            server.journal.TakeUntil("object message 0");
+            side.reset();
+        }
+        server.journal.TakeUntil("connection 0");
+        EXPECT_EQ(server.channel->LastError(), c.error);
+        ServiceChannel::DestroyObject(hObject);
+    }
+    SetErrorHandler({});
+}
+
+TEST(RendezvousTest, MeetsTheOneThatShowsTheNumberAndNoStranger) {
+    for (const char* kind : {"unix:", "tcp:"}) {
+        std::string error;
+        const auto rendezvous = Rendezvous::Open(kind, 42, &error);
+        ASSERT_TRUE(rendezvous) << error;
+        const Fd silent = ConnectSocket(rendezvous->Address(), &error);
+        { const Fd gone = ConnectSocket(rendezvous->Address(), &error); }
+        const Fd wrong = ConnectSocket(rendezvous->Address(), &error);
+        const Fd right = ConnectSocket(rendezvous->Address(), &error);
+        const auto tell = [](const Fd& fd, const Bytes& bytes) { send(fd.Get(), bytes.data(), bytes.size(), 0); };
+        tell(wrong, MakeGreeting(41));
+        tell(right, MakeGreeting(42));
+        tell(right, {'x'});
+        const Fd met = rendezvous->Accept(kLongMS);
+        ASSERT_TRUE(met.IsOpen());
+        char behind = 0;
+        EXPECT_EQ(recv(met.Get(), &behind, 1, 0), 1);
+        EXPECT_EQ(behind, 'x');
+        EXPECT_FALSE(rendezvous->Accept(1).IsOpen());
+        std::thread stopper([&] { rendezvous->Stop(); });
+        EXPECT_FALSE(rendezvous->Accept(kLongMS).IsOpen());
+        stopper.join();
+    }
+}
+
+}  // namespace
