@@ -34,6 +34,19 @@ std::shared_ptr<ServiceChannel> Registry::Default() {
     return m_channels.size() == 1 ? m_channels.front().lock() : nullptr;
 }
 
+std::shared_ptr<ServiceChannel> Registry::FindChannel(const void* handle) {
+    std::vector<std::weak_ptr<ServiceChannel>> channels;
+    {
+        Lock lock(m_mutex);
+        channels = m_channels;
+    }
+    for (const auto& known : channels) {
+        std::shared_ptr<ServiceChannel> channel = known.lock();  // may be the last to hold it, so not under the lock
+        if (channel && channel->Handle() == handle) return channel;
+    }
+    return nullptr;
+}
+
 uint32_t Registry::AddSink(const std::shared_ptr<ServiceChannel>& channel) {
     Lock lock(m_mutex);
     m_sinks[m_nextCookie] = channel;

@@ -48,6 +48,9 @@ public:
     // The default channel, else the only one, else null.
     std::shared_ptr<ServiceChannel> Default();
 
+    // The channel with this handle (hChannel), null if there is none.
+    std::shared_ptr<ServiceChannel> FindChannel(const void* handle);
+
     uint32_t AddSink(const std::shared_ptr<ServiceChannel>& channel);
     std::shared_ptr<ServiceChannel> RemoveSink(uint32_t cookie);
 

@@ -42,8 +42,11 @@ enum class FrameType : uint16_t {
     SideChannelRefused,  // name, number of the attempt
     SideChannelEnd,      // last in each direction of a side connection
     Greeting,            // first on a further connection, from the client: the number that it was told
+    StreamDataRequest,   // client: attempt, how many pairs it wants in all
+    StreamDataOffer,     // server: attempt, address, number of the pair
+    StreamDataRefused,   // attempt, number of the pair; 0: no further pair
 };
-inline constexpr FrameType kLastFrameType = FrameType::Greeting;
+inline constexpr FrameType kLastFrameType = FrameType::StreamDataRefused;
 
 struct FrameHeader {
     uint32_t magic;

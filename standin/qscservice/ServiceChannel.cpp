@@ -36,7 +36,8 @@ ServiceChannel::ServiceChannel(const ChannelOptions& options, std::weak_ptr<Chan
       m_ownerId(ownerId),
       m_uniqueId(RandomName()),
       m_endId(RandomNumber()),
-      m_sessionType(options.role == Role::Server ? options.sessionType : QSC_SESSION_NONE) {}
+      m_sessionType(options.role == Role::Server ? options.sessionType : QSC_SESSION_NONE),
+      m_streams(NewStreams()) {}
 
 // Without a Close, the worker that has just ended may hold the last reference.
 ServiceChannel::~ServiceChannel() {
@@ -218,6 +219,7 @@ ServiceChannel::DroppedChannel ServiceChannel::DropChannel() {
         deferred.swap(m_deferred);
     }
     for (const ObjectPtr& object : Objects()) EndSideChannel(object);
+    DropStreams();
     for (void* hContext : deferred) ContextTable::Release(ContextTable::Find(hContext));
     Lock lock(m_requestMutex);
     dropped.requests.swap(m_requests);

@@ -56,13 +56,16 @@ enum class Delivery {
     Manual,  // for ScriptedService: nothing is delivered by itself
 };
 
+// For the two ends to make one more connection between them: a side channel, a pair of stream data.
+inline constexpr uint32_t kMeetLimitMS = 5000;
+
 struct ChannelOptions {
     Role role = Role::Client;
     Delivery delivery = Delivery::Threaded;
     QSCService_SessionType sessionType = QSC_SESSION_PCOIP;  // announced by a server, taken over by its client
     bool acceptChannel = true;                               // server: false rejects the client's Connect
     uint32_t sideChannels = 0x1E;                            // bit n: side channel type n is available
-    uint32_t meetLimitMS = 5000;  // for the two ends to make a further connection between them
+    uint32_t meetLimitMS = kMeetLimitMS;
 };
 
 // What became of the messages (posts and requests, not answers) with one command number. Kept over all connections of
@@ -191,6 +194,13 @@ public:
     // the whole channel falls. False when the object isn't CONNECTED or has asked before, and when this end doesn't
     // have the type.
     static bool RequestSideChannel(void* hObject, uint32_t type);
+    // Gives a descriptor of a stream socket whose other side the peer's SwitchToStreamData gives: the first call of one
+    // end meets the first of the other, the second the second, whatever their names. It is blocking and close-on-exec,
+    // has the kind of the channel's connection, and belongs to the caller, beyond the channel's life. What nobody has
+    // asked for is closed with the channel. hChannel null or unknown: the current channel. Waits for the other end of
+    // the transport, not for its owner, up to meetLimitMS. False when that time is up, when the channel isn't connected
+    // or falls, and on a client inside a callback that would have to wait.
+    static bool SwitchToStreamData(const char* name, void* hChannel, int* fd);
     static bool CreateContext(void* hObject, uint32_t options, void** hContext);
     static bool Invoke(void* hObject, void* hContext, const QSCRPC_ContextNotifySink* sink, void* context);
 
@@ -256,6 +266,7 @@ private:
     };
     using ObjectPtr = std::shared_ptr<ChannelObject>;
     using SidePtr = std::shared_ptr<SideChannel>;
+    struct Streams;
 
     struct MsgChannel {
         std::string name;
@@ -316,6 +327,9 @@ private:
     void OnSideChannelOffer(const FrameView& frame);
     void OnSideChannelRefused(const FrameView& frame);
     void OnSideChannelSwitch(const FrameView& frame);
+    void OnStreamDataRequest(const FrameView& frame);
+    void OnStreamDataOffer(const FrameView& frame);
+    void OnStreamDataRefused(const FrameView& frame);
     void OnMessage(const std::shared_ptr<Link>& link, const FrameView& frame);
     void OnReply(const FrameView& frame);
     void OnAbort(const FrameView& frame);
@@ -342,6 +356,15 @@ private:
     void JoinSideChannels();
     SidePtr SideOf(const ObjectPtr& object) const;
     ObjectPtr FindAttempt(const FrameView& frame, SidePtr* side) const;
+
+    // Stream data.
+    Fd AcceptStream();
+    Fd FetchStream();
+    static Fd TakeDialled(Streams& streams);
+    bool OfferStream(const std::shared_ptr<Streams>& streams, uint32_t attempt) REQUIRES(m_streamMutex);
+    bool HandleStreamFrame(const FrameView& frame);
+    static std::shared_ptr<Streams> NewStreams();
+    void DropStreams();
 
     // States.
     void AcceptPeer();
@@ -390,9 +413,14 @@ private:
     std::map<uint32_t, PeerMsgChannel> m_peerMsgChannels GUARDED_BY(m_mutex);  // by the peer's numbers
     std::vector<SidePtr> m_sides GUARDED_BY(m_mutex);                          // whose threads run; in no account yet
     std::vector<SidePtr> m_endedSides GUARDED_BY(m_mutex);                     // whose threads are to be joined
-    std::set<void*> m_deferred GUARDED_BY(m_mutex);  // whoever takes a handle out owns its context
+    std::set<void*> m_deferred GUARDED_BY(m_mutex);          // whoever takes a handle out owns its context
+    std::shared_ptr<Streams> m_streams GUARDED_BY(m_mutex);  // of the present channel; another one after each drop
+    bool m_isLocal GUARDED_BY(m_mutex) = true;               // the connection is a Unix socket
     std::string m_lastError GUARDED_BY(m_mutex);
     bool m_closed GUARDED_BY(m_mutex) = false;
+
+    // Held while a pair of descriptors is offered, so that the offers keep their order. Taken with no other lock held.
+    Mutex m_streamMutex;
 
     // Guards the requests. Held from booking a request until its frame is sent or queued, so that an answer or a fall
     // never meets one whose context is still being sent. Taken with no other lock held.

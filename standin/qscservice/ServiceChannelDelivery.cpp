@@ -134,9 +134,13 @@ void ServiceChannel::Dispatch(const std::shared_ptr<Link>& link, const FrameView
             return OnMsgChannelClosed(frame);
         case FrameType::MsgChannelWords:
             return OnMsgChannelWords(frame);
+        case FrameType::StreamDataRequest:
+            return OnStreamDataRequest(frame);
+        case FrameType::StreamDataOffer:
+        case FrameType::StreamDataRefused:
         case FrameType::SideChannelEnd:
         case FrameType::Greeting:
-            return;  // not on the channel's connection
+            return;  // handled by the reading thread, or not for this connection
     }
 }
 

@@ -64,6 +64,12 @@ const char* ShapeOf(FrameType type) {
             return "";
         case FrameType::Greeting:
             return "U";
+        case FrameType::StreamDataRequest:
+            return "uu";
+        case FrameType::StreamDataOffer:
+            return "usU";
+        case FrameType::StreamDataRefused:
+            return "uU";
         case FrameType::Post:
         case FrameType::Request:
         case FrameType::Reply:
@@ -112,10 +118,12 @@ bool MaySend(Role sender, FrameType type) {
     switch (type) {
         case FrameType::Open:
         case FrameType::SideChannelRequest:
+        case FrameType::StreamDataRequest:
             return sender == Role::Client;
         case FrameType::Accept:
         case FrameType::Reject:
         case FrameType::SideChannelOffer:
+        case FrameType::StreamDataOffer:
             return sender == Role::Server;
         case FrameType::SideChannelEnd:
         case FrameType::Greeting:
@@ -298,6 +306,7 @@ void ServiceChannel::RunLink(const std::shared_ptr<SocketLink>& link) {
     {
         Lock lock(m_mutex);
         m_running = link;
+        m_isLocal = link->IsLocal();
         closed = m_closed;
     }
     if (closed) link->Interrupt();
@@ -362,6 +371,7 @@ bool ServiceChannel::OnFrame(const std::shared_ptr<Link>& link, const FrameView&
         return false;
     }
     if (m_ownerId && frame.header.type == FrameType::Hello) SayHello(*link);
+    if (HandleStreamFrame(frame)) return true;
     if (m_options.delivery == Delivery::Threaded) {
         Dispatch(link, frame);
         return true;

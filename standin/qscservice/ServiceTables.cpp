@@ -62,8 +62,8 @@ QSCService_ConnectionState GetConnectionState() {
 }
 
 Bool SwitchToStreamData(const char* name, void* hChannel, int* fd) {
-    (void)Refused(Op::SwitchToStreamData, name, hChannel, fd);
-    return FALSE;
+    if (Refused(Op::SwitchToStreamData, name, hChannel, fd)) return FALSE;
+    return Answer(Op::SwitchToStreamData, ServiceChannel::SwitchToStreamData(name, hChannel, fd));
 }
 
 QSCService_SessionType GetSessionType() {

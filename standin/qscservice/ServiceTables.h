@@ -3,8 +3,7 @@
 //
 // The tables are process-wide and stateless. Their words act on handles; the words without a handle (Poll, Connect,
 // GetSessionType, ...) act on the current channel: the one whose callback runs on this thread, else the one that a
-// CurrentChannel scope names, else the process's default (see ServiceChannel.h). SwitchToStreamData is there in the
-// newer tables and always refuses: this transport has no raw mode.
+// CurrentChannel scope names, else the process's default (see ServiceChannel.h).
 #pragma once
 
 #include <cstdint>

@@ -78,6 +78,12 @@ SocketLink::SocketLink(Fd socket)
     setsockopt(m_socket.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);  // fails on a Unix socket, which needs none
 }
 
+bool SocketLink::IsLocal() const {
+    int family = 0;
+    socklen_t size = sizeof family;
+    return getsockopt(m_socket.Get(), SOL_SOCKET, SO_DOMAIN, &family, &size) == 0 && family == AF_UNIX;
+}
+
 // False when the connection takes nothing any more.
 bool SocketLink::TrySend(std::span<const uint8_t> bytes, size_t* sent) {
     *sent = 0;

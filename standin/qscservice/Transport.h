@@ -121,6 +121,9 @@ class SocketLink : public Link, public std::enable_shared_from_this<SocketLink> 
 public:
     explicit SocketLink(Fd socket);
 
+    // Whether it is a Unix socket.
+    bool IsLocal() const;
+
     // Reads until the peer is gone or the link is interrupted; what arrived whole is delivered first. Returns an error
     // text when the peer's bytes broke the format, else empty.
     std::string Run(LinkClient& client);

@@ -387,7 +387,7 @@ TEST_F(TableWords, TheScriptRefusesAndNotesEachWord) {
     EXPECT_EQ(object.DestroyContext(hContext), TRUE);
 }
 
-TEST_F(TableWords, StreamDataIsNotOffered) {
+TEST_F(TableWords, StreamDataNeedsATransport) {
     int fd = -7;
     EXPECT_EQ(channel.SwitchToStreamData("name", service.Handle(), &fd), FALSE);
     EXPECT_EQ(fd, -7);

@@ -15,12 +15,13 @@
 #include "standin/qscservice/ServiceTables.h"
 #include "tests/standin/ChannelEnd.h"
 #include "tests/standin/Descriptors.h"
+#include "tests/standin/RawEnd.h"
 
 namespace {
 
 using namespace qscservice;
 
-using Bytes = std::vector<uint8_t>;
+using Bytes = RawEnd::Bytes;
 
 constexpr uint32_t kShortLimitMS = 100;
 
@@ -346,7 +347,7 @@ TEST(SideChannelFailure, TakesTheAskingObjectBackToConnectedOnceAndMessagesKeepT
         ends.MoveTo(QSC_SIDE_CHANNEL_TCP, c.byServer);
     }
     SetErrorHandler({});
-    EXPECT_EQ(errors.size(), 6u);  // each failure is told of once
+    EXPECT_EQ(errors.size(), 6u);  // one for each failure
     ExpectBackTo(atStart);
 }
 
@@ -514,54 +515,6 @@ TEST(SideChannelEnds, NothingIsLeftWhenTheChannelCloses) {
     }
     ExpectBackTo(before);
 }
-
-// A peer of raw frames.
-class RawEnd {
-public:
-    explicit RawEnd(Fd socket) : m_socket(std::move(socket)) {}
-
-    void Send(Bytes frame) {
-        FrameHeader header;
-        std::memcpy(&header, frame.data(), sizeof header);
-        header.sequence = ++m_sequence;
-        std::memcpy(frame.data(), &header, sizeof header);
-        ASSERT_EQ(send(m_socket.Get(), frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
-    }
-
-    void SayHello(Role role) {
-        Send(MakeFrame(FrameType::Hello,
-                       {Value(1u), Value(static_cast<uint32_t>(role)), Value(uint64_t{77}), Value(uint64_t{0})}));
-    }
-
-    // Reads frames up to one of this type, and gives its values; they live until the next call.
-    std::vector<Value> Await(FrameType type) {
-        m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_used));
-        m_used = 0;
-        for (;;) {
-            FrameView frame;
-            const auto rest = std::span<const uint8_t>(m_bytes).subspan(m_used);
-            const DecodeResult result = DecodeFrame(rest, &frame);
-            if (result.status == DecodeResult::Complete) {
-                m_used += result.size;
-                if (frame.header.type == type) return ItemValues(frame);
-                continue;
-            }
-            uint8_t more[4096];
-            const ssize_t count = recv(m_socket.Get(), more, sizeof more, 0);
-            if (count <= 0) {
-                ADD_FAILURE() << "the other end has hung up";
-                return {};
-            }
-            m_bytes.insert(m_bytes.end(), more, more + count);
-        }
-    }
-
-private:
-    Fd m_socket;
-    uint32_t m_sequence = 0;
-    Bytes m_bytes;
-    size_t m_used = 0;
-};
 
 TEST(SideChannelTimeOut, AServerThatNobodyDialsGoesBackAndTellsTheClient) {
     ChannelEnd server(WithLimit(ServerOptions()));
