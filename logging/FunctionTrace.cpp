@@ -23,8 +23,9 @@ void FunctionTrace::Line(int level, const char* format, ...) {
 void FunctionTrace::Enter(const RCPtr<Logger>& ownLogger, const char* format, ...) {
     logger = ownLogger;
     timer.emplace(KxTimer::Mode::Start);
-    if (!Reaches(enterLevel)) return;
-    logging = true;
+    const bool reached = Reaches(enterLevel);
+    logging = logger || reached;
+    if (!reached) return;
     if (format[0] == '\0') {
         Line(enterLevel, "Enter\n");
         return;
@@ -41,10 +42,9 @@ void FunctionTrace::SetExitMessage(int level, const char* format, ...) {
     if (!Reaches(level)) return;
     logging = true;
     exitLevel = level;
-    hasExitText = true;
     va_list args;
     va_start(args, format);
-    std::vsnprintf(exitText, sizeof exitText, format, args);
+    hasExitText = std::vsnprintf(exitText, sizeof exitText, format, args) > 0;
     va_end(args);
 }
 

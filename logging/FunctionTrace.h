@@ -38,11 +38,11 @@ private:
     void Line(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
     const char* const function;
-    bool logging = false;  // there was a line at the enter, or there is one for the exit
+    bool logging = false;  // there is a logger: its own, or the default one for a line at the enter or at the exit
     bool hasExitText = false;
     char exitText[1024];  // set while hasExitText
     const int32_t enterLevel;
     int32_t exitLevel;
-    std::optional<KxElapsedTimer> timer;  // started with the first line, as only that needs it
+    std::optional<KxElapsedTimer> timer;  // none while the level is off, as only a line needs it
     RCPtr<Logger> logger;                 // empty for the default one
 };

@@ -18,12 +18,15 @@
     } while (false)
 
 // The same at a level known at run time only; level is evaluated once.
-#define LOG_AT(level, ...)                                             \
-    do {                                                               \
-        const int logAtLevel = (level);                                \
-        if (LogEnabled(logAtLevel)) {                                  \
-            Logger::Log(__PRETTY_FUNCTION__, logAtLevel, __VA_ARGS__); \
-        }                                                              \
+#define LOG_AT(level, ...) LOG_AS_AT(__PRETTY_FUNCTION__, level, __VA_ARGS__)
+
+// Both: under another signature, at a level known at run time only.
+#define LOG_AS_AT(function, level, ...)                     \
+    do {                                                    \
+        const int logAtLevel = (level);                     \
+        if (LogEnabled(logAtLevel)) {                       \
+            Logger::Log(function, logAtLevel, __VA_ARGS__); \
+        }                                                   \
     } while (false)
 
 // FUNCTION_TRACE(Info, "%s(0x%p)", name, handle): traces the enclosing function; the object is named functionTrace.

@@ -12,6 +12,9 @@
 #include "runtime/KxPollThread.h"
 #include "runtime/StringUtils.h"
 
+// A deferred line shows it whole, so it is one text whatever the compiler's way to spell it.
+static constexpr char kNewMessageSignature[] = "LogMessage* LogMessageCache::NewMessage()";
+
 // Gives idle blocks back, on the logger's poll thread. Without a default logger, or once the manager shuts down, it is
 // never queued.
 class LogMessageCache::BlockReleaseTimer : public KxPollItem {
@@ -53,11 +56,11 @@ LogMessage* LogMessageCache::NewMessage() {
     KxMutexGuard managerGuard(LoggerLock());
     KxMutexGuard guard(lock);
     LogMessage* message = TakeFree();
-    if (!message && AddBlock(__PRETTY_FUNCTION__)) message = TakeFree();
+    if (!message && AddBlock(kNewMessageSignature)) message = TakeFree();
     if (!message) {
         ++lostLines;
     } else if (lostLines > 0) {
-        AddPendingLine(__PRETTY_FUNCTION__, kLogError, "Dropped %u messages for want of memory", lostLines);
+        AddPendingLine(kNewMessageSignature, kLogError, "Dropped %u messages for want of memory", lostLines);
         lostLines = 0;
     }
     return message;

@@ -58,7 +58,8 @@ const char* TempBase() {
 
 const char* UserName() {
     if (const char* user = Environment("USER")) return user;
-    LOG(Error, "Unable to read $USER variable. Use username as 'default'.\n");
+    LOG_AS("bool FileUtils::GetKestorUserTempPath(std::string&)", Error,
+           "Unable to read $USER variable. Use username as 'default'.\n");
     return "default";
 }
 
@@ -159,12 +160,6 @@ std::string GetBaseName(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
-bool KxFile::HasPath() const {
-    if (!absPath.empty()) return true;
-    LOG(Debug, "The abolute path of the file is not set.\n");
-    return false;
-}
-
 Bool KxFile::SetAbsPath(const std::string& path) {
     if (path.empty()) {
         LOG(Debug, "The abolute path of the file is not set.\n");
@@ -175,7 +170,10 @@ Bool KxFile::SetAbsPath(const std::string& path) {
 }
 
 Bool KxFile::Open(const char* mode, bool) {
-    if (!HasPath()) return FALSE;
+    if (absPath.empty()) {
+        LOG(Debug, "The abolute path of the file is not set.\n");
+        return FALSE;
+    }
     if (!IsFile(absPath)) {
         LOG(Debug, "%s file does not exist.\n", absPath.c_str());
         return FALSE;
@@ -186,7 +184,6 @@ Bool KxFile::Open(const char* mode, bool) {
 }
 
 bool KxFile::OpenToAppend() {
-    if (!HasPath()) return false;
     Close();
     // A pipe that stands there in place of a file would block the open.
     const int fd = open(absPath.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);

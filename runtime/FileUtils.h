@@ -86,8 +86,6 @@ public:
     bool GetSize(uint64* size);
 
 private:
-    bool HasPath() const;
-
     std::string absPath;
     FileHolder stream;
 };

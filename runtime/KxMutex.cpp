@@ -34,9 +34,14 @@ bool KxMutexData::WaitLocked(DWORD timeoutMS, const KxMutex* reported) {
     if (SpinLocked()) return true;
     if (timeoutMS != kInfinite) return LockWithin(timeoutMS);
     if (LockWithin(deadlockReportMS.load(std::memory_order_relaxed))) return true;
-    LOG_AS(kAcquireSignature, Warn, "Possible deadlock trying to acquire lock 0x%p held by thread 0x%08llX",
-           static_cast<const void*>(reported),
-           static_cast<unsigned long long>(ownerThreadId.load(std::memory_order_relaxed)));
+    // The line itself may have to wait for this lock, which then has nothing more to say.
+    thread_local bool reporting = false;
+    if (!std::exchange(reporting, true)) {
+        LOG_AS(kAcquireSignature, Warn, "Possible deadlock trying to acquire lock 0x%p held by thread 0x%08llX",
+               static_cast<const void*>(reported),
+               static_cast<unsigned long long>(ownerThreadId.load(std::memory_order_relaxed)));
+        reporting = false;
+    }
     nativeMutex.lock();
     return true;
 }

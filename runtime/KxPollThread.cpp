@@ -19,6 +19,9 @@ constexpr int32_t kHeldForWait = 1000000;
 constexpr size_t kFirstItemPosition = 2;  // of the wait list, behind the stop event and the dirty event
 constexpr size_t kExtraPositions = 4;     // those two, and the two of a prioritized item
 
+// The steps of a turn log under its name.
+constexpr char kSchedulerSignature[] = "bool KxPollThread::Scheduler(KxThread*)";
+
 using Map = UserDataMap<WkPtr<KxPollThread>>;
 
 // Made on first use and never destroyed: items of static objects look their thread up at process exit.
@@ -384,17 +387,19 @@ void KxPollThread::ApplySession(KxImpersonateSession& impersonator, int level) {
     if (sessionId == impersonator.sessionId) return;
     if (impersonator.impersonating) {
         if (impersonator.Stop()) {
-            LOG_AT(level, "%s: Stopped impersonating session %d", name.c_str(), impersonator.sessionId);
+            LOG_AS_AT(kSchedulerSignature, level, "%s: Stopped impersonating session %d", name.c_str(),
+                      impersonator.sessionId);
         } else {
-            LOG(Error, "%s: Failed to stop impersonating session %d", name.c_str(), impersonator.sessionId);
+            LOG_AS(kSchedulerSignature, Error, "%s: Failed to stop impersonating session %d", name.c_str(),
+                   impersonator.sessionId);
         }
         impersonator.Clear();
     }
     if (sessionId == -1) return;
     if (impersonator.Begin() && impersonator.Start()) {
-        LOG_AT(level, "%s: Started impersonating session %d", name.c_str(), sessionId);
+        LOG_AS_AT(kSchedulerSignature, level, "%s: Started impersonating session %d", name.c_str(), sessionId);
     } else {
-        LOG(Error, "%s: Failed to impersonate session %d", name.c_str(), sessionId);
+        LOG_AS(kSchedulerSignature, Error, "%s: Failed to impersonate session %d", name.c_str(), sessionId);
         sessionId = impersonator.sessionId;
     }
 }
@@ -437,8 +442,8 @@ void KxPollThread::Collect(Turn& turn) {
         turn.items[position] = turn.items[position + 1] = turn.timedItem;
         turn.events[position] = own ? own : &turn.alwaysSignaled;
         turn.events[position + 1] = &turn.alwaysSignaled;
-        LOG_AT(logLevel, "%s: Prioritized timed item %s @ %d", name.c_str(), turn.timedItem->name.c_str(),
-               static_cast<int>(position));
+        LOG_AS_AT(kSchedulerSignature, logLevel, "%s: Prioritized timed item %s @ %d", name.c_str(),
+                  turn.timedItem->name.c_str(), static_cast<int>(position));
     }
     turn.events.resize(next);
     turn.items.resize(next);
@@ -447,10 +452,8 @@ void KxPollThread::Collect(Turn& turn) {
 // Analysed by hand, for the gap in the lock.
 void KxPollThread::RunItem(const RCPtr<KxPollItem>& item, bool timedOut, int result,
                            int level) NO_THREAD_SAFETY_ANALYSIS {
-    if (LogEnabled(level)) {
-        LOG_AT(level, "%s: Item %s %s(%d); last run %s ago", name.c_str(), item->name.c_str(),
-               timedOut ? "timed out" : "signaled", result, item->ElapsedText().c_str());
-    }
+    LOG_AS_AT(kSchedulerSignature, level, "%s: Item %s %s(%d); last run %s ago", name.c_str(), item->name.c_str(),
+              timedOut ? "timed out" : "signaled", result, item->ElapsedText().c_str());
     currentItem = item.Get();
     Lock().Release();
     KxElapsedTimer timer;
@@ -458,15 +461,17 @@ void KxPollThread::RunItem(const RCPtr<KxPollItem>& item, bool timedOut, int res
     try {
         again = item->Run(timedOut);
     } catch (const std::exception& error) {
-        LOG(Error, "%s: Item %s failed: %s", name.c_str(), item->name.c_str(), error.what());
+        LOG_AS(kSchedulerSignature, Error, "%s: Item %s failed: %s", name.c_str(), item->name.c_str(), error.what());
     } catch (...) {
-        LOG(Error, "%s: Item %s failed: %s", name.c_str(), item->name.c_str(), "unknown exception");
+        LOG_AS(kSchedulerSignature, Error, "%s: Item %s failed: %s", name.c_str(), item->name.c_str(),
+               "unknown exception");
     }
     const double seconds = timer.GetTimerSeconds(KxTimer::Mode::Read, 0);
     Lock().Acquire();
     currentItem = nullptr;
     item->completionEvent->Set();
-    LOG_AT(level, "%s: Item %s took %s", name.c_str(), item->name.c_str(), DurationText(seconds).c_str());
+    LOG_AS_AT(kSchedulerSignature, level, "%s: Item %s took %s", name.c_str(), item->name.c_str(),
+              DurationText(seconds).c_str());
     if (!HasItem(item.Get())) return;
     if (again) {
         Queue(*item);

@@ -15,10 +15,10 @@ constexpr int64 kNanosecondsPerMS = 1'000'000;
 // The clock's resolution never changes, so it is read once. Relaxed: whoever sees 0 reads the same value again.
 std::atomic<int64> gResolutionNs{0};
 
-int64 ReadResolution() {
+int64 ReadResolution(const char* function) {
     timespec resolution;
     if (clock_getres(CLOCK_MONOTONIC, &resolution) != 0) {
-        LOG(Error, "clock_getres() failed\n");
+        LOG_AS(function, Error, "clock_getres() failed\n");
         return -1;
     }
     int64 nanoseconds = resolution.tv_sec * kNanosecondsPerSecond + resolution.tv_nsec;
@@ -27,9 +27,9 @@ int64 ReadResolution() {
     return nanoseconds;
 }
 
-inline int64 Resolution() {
+inline int64 Resolution(const char* function) {
     const int64 known = gResolutionNs.load(std::memory_order_relaxed);
-    return known != 0 ? known : ReadResolution();
+    return known != 0 ? known : ReadResolution(function);
 }
 
 }  // namespace
@@ -84,7 +84,7 @@ int64 KxElapsedTimer::GetTimerNow() {
         LOG(Error, "clock_gettime() failed\n");
         return -1;
     }
-    const int64 resolution = Resolution();
+    const int64 resolution = Resolution(__PRETTY_FUNCTION__);
     if (resolution < 0) return -1;
     const int64 nanoseconds = now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
     return resolution == 1 ? nanoseconds : nanoseconds / resolution;
@@ -95,7 +95,7 @@ int64 KxElapsedTimer::FrequencyOf(int64 resolutionNs) {
 }
 
 int64 KxElapsedTimer::GetTimerFrequency() {
-    const int64 resolution = Resolution();
+    const int64 resolution = Resolution(__PRETTY_FUNCTION__);
     return resolution < 0 ? -1 : FrequencyOf(resolution);
 }
 

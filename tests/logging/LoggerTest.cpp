@@ -386,6 +386,10 @@ TEST_F(LoggerTest, TracesAScope) {
          },
          "",
          {"3 Enter\n", "1 Exit(0ms) - bad\n"}},
+        {"empty exit text",
+         [](FunctionTrace& t) { t.SetExitMessage(kLogError, "%s", ""); },
+         "",
+         {"3 Enter\n", "3 Exit\n"}},
         {"exit text that is off",
          [](FunctionTrace& t) { t.SetExitMessage(kLogDebug, "unseen"); },
          "",
@@ -434,6 +438,18 @@ TEST_F(LoggerTest, ATraceThatIsOffTellsItsExitTextAlone) {
         { FunctionTrace trace(kLogDebug, "Off()", own ? logger : RCPtr<Logger>(), ""); }
         EXPECT_TRUE(ProxyLines().empty());
     }
+}
+
+TEST_F(LoggerTest, ATraceOverTheStartOfItsLoggerHasAnExit) {
+    StartThread();
+    const RCPtr<Logger> logger = MakeLogger(kLogInfo);
+    logger->AddWriter(kStdOutWriter);
+    {
+        const FunctionTrace trace(kLogInfo, "Starts()", logger, "");
+        EXPECT_TRUE(logger->Start());
+    }
+    EXPECT_EQ(CountOf(output.Text(), "Starts(): Enter"), 0u);
+    EXPECT_EQ(CountOf(output.Text(), "Starts(): Exit\n"), 1u);
 }
 
 TEST_F(LoggerTest, ATraceOverTheEndOfItsLoggerHasNoExit) {

@@ -4,11 +4,13 @@
 
 #include <atomic>
 #include <mutex>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "runtime/StringUtils.h"
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -288,6 +290,24 @@ TEST_F(KxPollThreadTest, DescribesItsItems) {
     EXPECT_NE(text.find("test - 2 items\n   first - timeout(1.500s)  elapsed("), std::string::npos) << text;
     EXPECT_NE(text.find("paused(FALSE)  event(TRUE)  disabled(0)\n   second - timeout(INFINITE)"), std::string::npos);
     EXPECT_NE(text.find("paused(TRUE)  event(FALSE)  disabled(1)\n"), std::string::npos) << text;
+}
+
+TEST_F(KxPollThreadTest, TellsEachStepOfATurnUnderTheSchedulersName) {
+    LogCapture log(kLogVerbose);
+    thread->SetLogLevel(kLogTrace);
+    Add("item", nullptr, 0, 1);
+    ASSERT_TRUE(thread->StartScheduler());
+    ASSERT_EQ(journal.WaitFor(1), Entries{"item:time"});
+    thread->StopScheduler();
+    Entries steps;
+    for (const LogCapture::Line& line : log.Lines()) {
+        const std::string function = StringUtils::GetFunctionName(line.function.c_str());
+        if (line.level != kLogTrace || function != "KxPollThread::Scheduler()") continue;
+        steps.push_back(std::regex_replace(line.text, std::regex("[0-9.]+m?s"), "-"));
+    }
+    EXPECT_EQ(steps, (Entries{"test: Prioritized timed item item @ 2", "test: Waiting for item (-)",
+                              "test: Item item timed out(2); last run - ago", "test: Item item took -",
+                              "test: Waiting for INFINITE"}));
 }
 
 // Threads that change items while others run them; the sanitizers watch.
