@@ -237,11 +237,12 @@ void Logger::WriteTo(const std::set<int>* types, const char* function, int lineL
     message->SetLength(width, true);
     const char* const lineBreak = static_cast<const char*>(std::memchr(prefix, '\n', static_cast<size_t>(width)));
     append(*message, lineBreak ? static_cast<int>(prefix + width - lineBreak) - 1 : width);
-    while (entry != writers.end()) {
-        LogWriter& writer = *entry->second;
-        entry = std::find_if(std::next(entry), writers.end(), isMeant);
-        writer.Write(entry == writers.end() ? std::move(message) : message);
+    for (auto next = entry;; entry = next) {
+        next = std::find_if(std::next(entry), writers.end(), isMeant);
+        if (next == writers.end()) break;
+        entry->second->Write(message);
     }
+    entry->second->Write(std::move(message));  // the last one needs no reference of its own
 }
 
 bool Logger::SetLevel(int newLevel) {

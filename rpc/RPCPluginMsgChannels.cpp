@@ -24,6 +24,7 @@ void IgnoreMsgChannelEvent() {}
 
 MsgChannelId::MsgChannelId(const char* name, RPCPluginInstance* instance)
     : m_name(name ? name : ""), m_rpcPlugin(instance) {
+    // A failed allocation constructs nothing. NOLINTNEXTLINE(clang-analyzer-core.NullDereference)
     m_handle = MsgChannels().Add(WkPtr<MsgChannelId>(this));
 }
 

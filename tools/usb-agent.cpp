@@ -174,7 +174,7 @@ int Serve(const AgentOptions& options, const sigset_t& endings) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     std::string error;
     const std::optional<AgentOptions> options = Parse({argv + 1, argv + argc}, &error);
     if (!options) {
@@ -194,4 +194,7 @@ int main(int argc, char** argv) {
     }
     sigprocmask(SIG_BLOCK, &endings, nullptr);
     return Serve(*options, endings);
+} catch (const std::exception& error) {
+    fprintf(stderr, "usb-agent: %s\n", error.what());
+    return 1;
 }

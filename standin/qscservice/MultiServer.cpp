@@ -110,7 +110,7 @@ void MultiServer::AcceptLoop() {
 }
 
 void MultiServer::Serve(Fd socket) {
-    const QscServerID id = Registry::The().NewHandle();
+    QscServerID id = Registry::The().NewHandle();
     ChannelOptions options = m_options.channel;
     options.role = Role::Server;
     options.delivery = Delivery::Threaded;

@@ -210,7 +210,7 @@ Bool GetUniqueSerializedId(QscServerID id, int size, char* buffer) {
     if (Refused(Op::GetUniqueSerializedId, id, size, place)) return FALSE;
     const ChannelPtr channel = FindServerChannel(id);
     if (!channel || !buffer || size <= static_cast<int>(channel->UniqueId().size())) return FALSE;
-    std::strcpy(buffer, channel->UniqueId().c_str());
+    std::memcpy(buffer, channel->UniqueId().c_str(), channel->UniqueId().size() + 1);
     return Answer(Op::GetUniqueSerializedId, true);
 }
 

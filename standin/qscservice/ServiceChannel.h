@@ -338,6 +338,7 @@ private:
     void OnMsgChannelWords(const FrameView& frame);
 
     void AnnounceMsgChannels();
+    uint32_t NumberWithPeer(QscMsgChannelID id) const;
     void TellOpened(QscMsgChannelID id);
     void TellPeerOpened(const std::string& name, QscMsgChannelID peer, const uint64_t (&words)[3]);
 

@@ -25,7 +25,7 @@ void* Pointer(uint64_t word) {
 
 bool ServiceChannel::OpenMsgChannel(void* context, const char* name, const QSCService_MsgChannelNotifySink& sink) {
     if (!name || !*name || std::strlen(name) > kMaxNameBytes) return false;
-    const QscMsgChannelID id = Registry::The().AddMsgChannel(shared_from_this());
+    QscMsgChannelID id = Registry::The().AddMsgChannel(shared_from_this());
     uint32_t number = 0;
     {
         Lock lock(m_mutex);
@@ -63,19 +63,18 @@ bool ServiceChannel::CloseMsgChannel(QscMsgChannelID id) {
 bool ServiceChannel::SendMsgChannel(QscMsgChannelID id, void* a, void* b, void* c) {
     const std::shared_ptr<ServiceChannel> channel = Registry::The().FindMsgChannel(id);
     if (!channel) return false;
-    uint32_t number = 0;
-    {
-        Lock lock(channel->m_mutex);
-        const auto own = channel->m_msgChannels.find(id);
-        if (own == channel->m_msgChannels.end()) return false;
-        const auto& peers = channel->m_peerMsgChannels;
-        if (std::none_of(peers.begin(), peers.end(),
-                         [&own](const auto& peer) { return peer.second.name == own->second.name; })) {
-            return false;
-        }
-        number = own->second.number;
-    }
-    return channel->SendControl(FrameType::MsgChannelWords, {number, Word(a), Word(b), Word(c)});
+    const uint32_t number = channel->NumberWithPeer(id);
+    return number != 0 && channel->SendControl(FrameType::MsgChannelWords, {number, Word(a), Word(b), Word(c)});
+}
+
+// The number of an own channel, 0 while the peer has none of that name.
+uint32_t ServiceChannel::NumberWithPeer(QscMsgChannelID id) const {
+    Lock lock(m_mutex);
+    const auto own = m_msgChannels.find(id);
+    if (own == m_msgChannels.end()) return 0;
+    const bool hasPeer = std::any_of(m_peerMsgChannels.begin(), m_peerMsgChannels.end(),
+                                     [&own](const auto& peer) { return peer.second.name == own->second.name; });
+    return hasPeer ? own->second.number : 0;
 }
 
 bool ServiceChannel::GetMsgChannelInfo(QscMsgChannelID id, QSCService_MsgChannelInfo* info) const {
