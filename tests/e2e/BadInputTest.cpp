@@ -31,6 +31,8 @@ TEST(BadInput, ArgumentsAreRefusedWithOneLine) {
                           {"usb-replay", {"--loop", "none"}, "--loop takes a number"},
                           {"usb-replay", {"--threads"}, "--threads needs a value"},
                           {"usb-replay", {"--transport", "pigeon"}, "--transport takes unix or tcp"},
+                          {"usb-replay", {"--clients", "0"}, "--clients takes a number"},
+                          {"usb-replay", {"--clients", "2", "--agent-mode", "x"}, "--agent-mode takes single or multi"},
                           {"usb-agent", {}, "exactly one of --listen and --fd"},
                           {"usb-agent", {"--fd", "x"}, "--fd takes a file descriptor"},
                           {"usb-agent", {"--listen"}, "--listen needs a value"}}) {
@@ -89,6 +91,7 @@ TEST_F(BadCapture, AFileThatIsNoUsbCapture) {
 // One bad file among good ones refuses all before anything is started.
 TEST_F(BadCapture, OneAmongGoodOnes) {
     ExpectRefused("usb-replay", {"--json", SOURCE_FOLDER "/captures/sample.pcap", path}, path);
+    ExpectRefused("usb-replay", {"--clients", "2", SOURCE_FOLDER "/captures/sample.pcap", path}, path);
 }
 
 }  // namespace

@@ -4,9 +4,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <filesystem>
@@ -29,7 +31,8 @@ struct ProcessState {
 
 ProcessState ReadState(const std::string& processFolder) {
     std::ifstream file(processFolder + "/stat");
-    std::string text((std::istreambuf_iterator<char>(file)), {});
+    std::string text;
+    std::getline(file, text);  // fails without a throw when the process goes at this moment
     const size_t open = text.find('('), close = text.rfind(')');
     ProcessState state;
     if (open == std::string::npos || close == std::string::npos) return state;
@@ -44,14 +47,17 @@ ProcessState ReadState(const std::string& processFolder) {
     return state;
 }
 
-pid_t FindChild(pid_t parent, const std::string& name, uint64_t minTicks) {
+std::vector<pid_t> FindChildren(pid_t parent, const std::string& name, uint64_t minTicks) {
+    std::vector<pid_t> children;
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         const std::string number = entry.path().filename();
         if (number.find_first_not_of("0123456789") != std::string::npos) continue;
         const ProcessState state = ReadState(entry.path());
-        if (state.parent == parent && state.name == name && state.ticks >= minTicks) return std::stoi(number);
+        if (state.parent == parent && state.name == name && state.ticks >= minTicks)
+            children.push_back(std::stoi(number));
     }
-    return -1;
+    std::sort(children.begin(), children.end());
+    return children;
 }
 
 // Where the programs leave their logs; it goes with this process.
@@ -103,12 +109,40 @@ Program::~Program() {
     if (err >= 0) close(err);
 }
 
-pid_t Program::WaitForChild(const std::string& name, uint64_t minTicks) const {
+std::vector<pid_t> Program::WaitForChildren(const std::string& name, size_t count, uint64_t minTicks) const {
     for (const auto deadline = Clock::now() + kRunLimit; Clock::now() < deadline; poll(nullptr, 0, kLookAgainMS)) {
-        const pid_t child = FindChild(pid, name, minTicks);
-        if (child > 0) return child;
+        std::vector<pid_t> children = FindChildren(pid, name, minTicks);
+        if (children.size() >= count) return children;
     }
-    return -1;
+    return {};
+}
+
+pid_t Program::WaitForChild(const std::string& name) const {
+    const std::vector<pid_t> children = WaitForChildren(name, 1, 0);
+    return children.empty() ? -1 : children.front();
+}
+
+pid_t Program::WaitForBusyChild(const std::string& name) const {
+    const std::vector<pid_t> children = WaitForChildren(name, 1, 1);
+    return children.empty() ? -1 : children.front();
+}
+
+std::vector<pid_t> Program::WaitForBusyChildren(const std::string& name, size_t count) const {
+    return WaitForChildren(name, count, 1);
+}
+
+std::vector<std::string> ArgumentsOf(pid_t process) {
+    std::ifstream file("/proc/" + std::to_string(process) + "/cmdline");
+    std::vector<std::string> arguments;
+    for (std::string argument; std::getline(file, argument, '\0');) arguments.push_back(argument);
+    return arguments;
+}
+
+void AwaitEnd(pid_t process) {
+    pollfd end = {static_cast<int>(syscall(SYS_pidfd_open, process, 0)), POLLIN, 0};
+    if (end.fd < 0) return;
+    poll(&end, 1, static_cast<int>(std::chrono::milliseconds(kRunLimit).count()));
+    close(end.fd);
 }
 
 ProgramResult Program::Finish() {

@@ -27,20 +27,30 @@ public:
     pid_t Pid() const { return pid; }
 
     // Waits until there is a child process of that name. Its process number, or -1 if there is none in time.
-    pid_t WaitForChild(const std::string& name) const { return WaitForChild(name, 0); }
+    pid_t WaitForChild(const std::string& name) const;
 
     // Waits until a child process of that name has used processor time, so that work is under way.
-    pid_t WaitForBusyChild(const std::string& name) const { return WaitForChild(name, 1); }
+    pid_t WaitForBusyChild(const std::string& name) const;
+
+    // Waits until so many child processes of that name have used processor time, in the order of their numbers. Empty
+    // if there are less in time.
+    std::vector<pid_t> WaitForBusyChildren(const std::string& name, size_t count) const;
 
     // Collects the output until the program ends.
     ProgramResult Finish();
 
 private:
-    pid_t WaitForChild(const std::string& name, uint64_t minTicks) const;
+    std::vector<pid_t> WaitForChildren(const std::string& name, size_t count, uint64_t minTicks) const;
 
     pid_t pid = -1;
     int out = -1, err = -1;
 };
+
+// The arguments of a running process, its name first.
+std::vector<std::string> ArgumentsOf(pid_t process);
+
+// Waits until a process, of any parent, has ended. At once if there is none of that number.
+void AwaitEnd(pid_t process);
 
 inline ProgramResult RunProgram(const std::string& name, const std::vector<std::string>& args) {
     return Program(name, args).Finish();

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "standin/usbd/LatencyHistogram.h"
+
 namespace {
 
 TEST(Account, ExplainsEveryMessageOrCallsItLost) {
@@ -32,9 +34,10 @@ TEST(Account, ExplainsEveryMessageOrCallsItLost) {
 ReplayReport GoodReport() {
     ReplayReport report;
     report.captures = {{"/some/where/storage.pcap", 1238, 0, 0, 28, 1210}};
-    report.sent = report.agent = {28, 1210, 0, 1, 3500000};
+    report.sent = report.agent.received = {28, 1210, 0, 1, 3500000};
     report.returned = {0, 1210, 0, 1, 3499000};
     report.seconds = 0.5;
+    report.messagesPerSecond = 2478;
     return report;
 }
 
@@ -72,6 +75,43 @@ TEST(Report, SurvivesAFileNameThatIsNoText) {
     ReplayReport report = GoodReport();
     report.captures[0].file = "\xff\xfe.pcap";
     EXPECT_EQ(nlohmann::json::parse(ReportAsJson(report))["captures"][0]["records"], 1238);
+}
+
+// Percentiles of several clients are those of one that had all their messages.
+TEST(Report, SumsUpClientsAsIfTheyWereOne) {
+    usbd::LatencyHistogram together;
+    ReplayReport sum;
+    for (const uint64_t samples : {2000u, 30u, 700u}) {
+        usbd::LatencyHistogram own;
+        for (uint64_t sample = 0; sample < samples; sample++) {
+            own.Add(samples * sample);
+            together.Add(samples * sample);
+        }
+        ReplayReport client = GoodReport();
+        client.fastLatency = own.Read();
+        client.returning = {1, 20, 300};
+        client.interruptions = samples;
+        client.stoppedEarly = samples == 30;
+        client.seconds = static_cast<double>(samples);
+        client.agent.repliesAccepted = 1211;
+        client.agent.greeted = true;
+        AddFigures(nlohmann::json::parse(nlohmann::json(client).dump()).get<ReplayReport>(), &sum);
+    }
+    const UsbReplayLatency all = together.Read();
+    EXPECT_EQ(sum.fastLatency.samples, 2730u);
+    EXPECT_EQ(sum.fastLatency.p50Ns, all.p50Ns);
+    EXPECT_EQ(sum.fastLatency.p99Ns, all.p99Ns);
+    EXPECT_EQ(sum.fastLatency.maxNs, all.maxNs);
+    EXPECT_EQ(sum.Latency().p99, static_cast<double>(all.p99Ns) / 1000);
+    EXPECT_EQ(sum.sent, (KindCounts{84, 3630, 0, 3, 10500000}));
+    EXPECT_EQ(sum.agent.received, sum.sent);
+    EXPECT_EQ(sum.agent.repliesAccepted, 3633u);
+    EXPECT_EQ(sum.returned, (KindCounts{0, 3630, 0, 3, 10497000}));
+    EXPECT_EQ(sum.returning.refused + sum.returning.cut + sum.returning.lost, 963u);
+    EXPECT_EQ(sum.interruptions, 2730u);
+    EXPECT_TRUE(sum.stoppedEarly && sum.agent.greeted);
+    EXPECT_EQ(sum.seconds, 2000);
+    EXPECT_EQ(sum.messagesPerSecond, 3717.0 / 2000);
 }
 
 }  // namespace

@@ -2,8 +2,12 @@
 
 #include <filesystem>
 
-std::string InstallationFolder() {
+std::string ProgramPath() {
     std::error_code error;
-    const std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return error ? "." : program.parent_path().parent_path().string();
+    return std::filesystem::read_symlink("/proc/self/exe", error).string();
+}
+
+std::string InstallationFolder() {
+    const std::filesystem::path program = ProgramPath();
+    return program.empty() ? "." : program.parent_path().parent_path().string();
 }

@@ -3,6 +3,9 @@
 
 #include <string>
 
+// The file of the running program.
+std::string ProgramPath();
+
 // The folder that holds bin, lib and share, without a slash at its end.
 std::string InstallationFolder();
 

@@ -8,10 +8,6 @@ KindCounts FromDaemon(const UsbReplayCounts& counts) {
     return {counts.post, counts.fast, counts.hid, counts.async, counts.bytes};
 }
 
-double Microseconds(uint64_t nanoseconds) {
-    return static_cast<double>(nanoseconds) / 1000;
-}
-
 }  // namespace
 
 uint64_t Ledger::Arrived() const {
@@ -50,7 +46,7 @@ bool Ledger::Settled(bool channelFell) const {
 
 void Ledger::Report(bool channelFell, ReplayReport* report) const {
     report->sent = FromDaemon(daemon.sent);
-    report->agent = agent.received;
+    report->agent = agent;
     report->returned = FromDaemon(daemon.returned);
     report->mismatched = daemon.mismatched;
     report->outbound = Outbound(channelFell, &report->problems);
@@ -58,12 +54,8 @@ void Ledger::Report(bool channelFell, ReplayReport* report) const {
     if (daemon.mismatched) report->problems.push_back("came back wrong: " + daemon.firstMismatch);
     if (agent.malformed)
         report->problems.push_back("the agent could not read " + WithSeparators(agent.malformed) + " of the messages");
-    if (agent.received.Messages() == daemon.sent.Messages() && report->agent != report->sent)
+    if (agent.received.Messages() == daemon.sent.Messages() && agent.received != report->sent)
         report->problems.push_back("the agent received other messages than the daemon sent");
-
-    // Bulk traffic and input reports are timed apart; the larger part stands for the whole.
-    const UsbReplayLatency &fast = daemon.fastLatency, &hid = daemon.hidLatency;
-    const UsbReplayLatency& chief = hid.samples > fast.samples ? hid : fast;
-    report->latency = {Microseconds(chief.p50Ns), Microseconds(chief.p99Ns),
-                       Microseconds(std::max(fast.maxNs, hid.maxNs))};
+    report->fastLatency = daemon.fastLatency;
+    report->hidLatency = daemon.hidLatency;
 }

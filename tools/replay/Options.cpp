@@ -9,6 +9,7 @@ namespace {
 
 constexpr uint32_t kMaxLoop = 1000000;
 constexpr uint32_t kMaxThreads = 64;
+constexpr uint32_t kMaxClients = 64;
 constexpr uint32_t kMaxInterruptEvery = 1000000000;
 
 // Takes the value (empty for a flag) into the options; gives what a good value looks like when it is none.
@@ -38,15 +39,30 @@ Setter Number(uint32_t ReplayOptions::*field, uint32_t limit) {
     };
 }
 
+// Any text but the empty one; wanted says what it is.
+Setter Text(std::string ReplayOptions::*field, const char* wanted) {
+    return [field, wanted](ReplayOptions& options, std::string_view text) -> std::optional<std::string> {
+        if (text.empty()) return wanted;
+        options.*field = text;
+        return std::nullopt;
+    };
+}
+
 std::optional<std::string> SetTransport(ReplayOptions& options, std::string_view text) {
     if (text != "unix" && text != "tcp") return "unix or tcp";
     options.transport = text == "unix" ? Transport::Unix : Transport::Tcp;
     return std::nullopt;
 }
 
-std::optional<std::string> SetLogConfig(ReplayOptions& options, std::string_view text) {
-    if (text.empty()) return "a file name";
-    options.logConfig = text;
+std::optional<std::string> SetAgentMode(ReplayOptions& options, std::string_view text) {
+    if (text != "single" && text != "multi") return "single or multi";
+    options.agentMode = text == "single" ? AgentMode::Single : AgentMode::Multi;
+    return std::nullopt;
+}
+
+std::optional<std::string> SetSideChannel(ReplayOptions& options, std::string_view text) {
+    if (text != "tcp" && text != "virtual") return "tcp or virtual";
+    options.sideChannel = text;
     return std::nullopt;
 }
 
@@ -60,8 +76,13 @@ const std::vector<OptionRule>& Rules() {
         {"--loop", true, Number(&ReplayOptions::loop, kMaxLoop)},
         {"--threads", true, Number(&ReplayOptions::threads, kMaxThreads)},
         {"--interrupt-every", true, Number(&ReplayOptions::interruptEvery, kMaxInterruptEvery)},
+        {"--clients", true, Number(&ReplayOptions::clients, kMaxClients)},
         {"--transport", true, SetTransport},
-        {"--log-config", true, SetLogConfig},
+        {"--agent-mode", true, SetAgentMode},
+        {"--side-channel", true, SetSideChannel},
+        {"--log-config", true, Text(&ReplayOptions::logConfig, "a file name")},
+        {"--agent-address", true, Text(&ReplayOptions::agentAddress, "an address")},
+        {"--agent-control", true, Text(&ReplayOptions::agentControl, "a path")},
     };
     return rules;
 }
@@ -104,6 +125,14 @@ std::variant<ReplayOptions, std::string> ParseOptions(const std::vector<std::str
     return options;
 }
 
+std::vector<std::string> AgentArguments(const ReplayOptions& options) {
+    const char* address = options.transport == Transport::Unix ? "unix:" : "tcp:127.0.0.1:0";
+    std::vector<std::string> arguments = {"--listen", address, "--control"};
+    if (options.agentMode == AgentMode::Single) arguments.push_back("--single");
+    if (!options.sideChannel.empty()) arguments.insert(arguments.end(), {"--side-channel", options.sideChannel});
+    return arguments;
+}
+
 const char* ReplayUsage() {
     return "Usage: usb-replay [options] [CAPTURE.pcap...]\n"
            "Replays recorded USB traffic through the plug-in to an agent process and back, and checks what returns.\n"
@@ -111,6 +140,10 @@ const char* ReplayUsage() {
            "\n"
            "  --loop N             replay everything N times (1)\n"
            "  --threads N          send from N daemon threads (1)\n"
+           "  --clients N          replay in N client processes at once (1 to 64) and report on all of them together\n"
+           "  --agent-mode MODE    multi: one agent serves all clients (multi); single: an agent serves one client at\n"
+           "                       a time, so each client gets an agent of its own\n"
+           "  --side-channel TYPE  move the data objects to a side channel of the agent's, tcp or virtual\n"
            "  --timed              keep the gaps between the records as recorded\n"
            "  --transport KIND     unix or tcp (unix)\n"
            "  --interrupt-every N  take the channel down and up again after each N messages\n"

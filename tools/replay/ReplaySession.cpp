@@ -6,8 +6,10 @@
 #include <algorithm>
 
 #include "plugin/Usbd.h"
+#include "tools/replay/AgentProcess.h"
 #include "tools/replay/Layout.h"
 #include "tools/replay/ProgramLog.h"
+#include "tools/replay/SharedAgent.h"
 
 using namespace std::chrono_literals;
 
@@ -49,8 +51,14 @@ CaptureSummary Summarize(const UsbCapture& capture) {
 }
 
 ReplaySession::ReplaySession(const ReplayOptions& replayOptions, std::vector<UsbCapture> usbCaptures,
-                             const std::atomic<bool>& stop, OnProgress onProgress)
-    : options(replayOptions), captures(std::move(usbCaptures)), stopRequested(stop), progress(std::move(onProgress)) {}
+                             const std::atomic<bool>& stop, OnProgress onProgress, OnPrepared onPrepared)
+    : options(replayOptions),
+      captures(std::move(usbCaptures)),
+      stopRequested(stop),
+      progress(std::move(onProgress)),
+      prepared(std::move(onPrepared)) {
+    for (const UsbCapture& capture : captures) total += capture.Records().size() * options.loop;
+}
 
 ReplaySession::~ReplaySession() = default;
 
@@ -68,7 +76,7 @@ bool ReplaySession::Run(ReplayReport* report, std::string* error) {
     if (failed) report->problems.clear();
     report->problems.insert(report->problems.begin(), problems.begin(), problems.end());
     report->interruptions = interrupter->Count();
-    report->log = FindPluginLog();
+    report->logs = {FindPluginLog()};
     LOG(Info, "%llu messages lost, %llu changed on the way, %llu interruptions\n",
         static_cast<unsigned long long>(report->Lost()), static_cast<unsigned long long>(report->mismatched),
         static_cast<unsigned long long>(report->interruptions));
@@ -76,6 +84,7 @@ bool ReplaySession::Run(ReplayReport* report, std::string* error) {
     const Clock::time_point started{std::chrono::nanoseconds(ledger.daemon.firstSentNs)};
     if (ledger.daemon.firstSentNs > 0)
         report->seconds = std::max(0.0, std::chrono::duration<double>(finished - started).count());
+    if (report->seconds > 0) report->messagesPerSecond = static_cast<double>(report->sent.Messages()) / report->seconds;
     return true;
 }
 
@@ -84,10 +93,13 @@ bool ReplaySession::Start(std::string* error) {
 }
 
 bool ReplaySession::StartAgent(std::string* error) {
-    const char* address = options.transport == Transport::Unix ? "unix:" : "tcp:127.0.0.1:0";
     LOG(Info, "Replaying %zu captures %u times on %u threads over %s\n", captures.size(), options.loop, options.threads,
-        address);
-    agent = AgentProcess::Start(AgentPath(), {"--listen", address, "--control"}, error);
+        options.transport == Transport::Unix ? "unix" : "tcp");
+    if (options.agentControl.empty()) {
+        agent = AgentProcess::Start(AgentPath(), AgentArguments(options), error);
+    } else {
+        agent = SharedAgent::Join(options.agentAddress, options.agentControl, host.Channel().Account().end, error);
+    }
     return agent != nullptr;
 }
 
@@ -128,6 +140,7 @@ bool ReplaySession::StartPlugin(std::string* error) {
 bool ReplaySession::Connect(std::string* error) {
     hasInstance = host.CreateInstance(error);
     if (!hasInstance) return false;
+    if (prepared) prepared();
     bool ready = host.Channel().Dial(agent->Address(), error);
     if (!ready) agent->WaitForEnd(kAgentEndMS);
     const Clock::time_point limit = Clock::now() + kReadyLimit;
@@ -143,14 +156,10 @@ bool ReplaySession::Connect(std::string* error) {
 
 void ReplaySession::Send() {
     lastMove = Clock::now();
-    uint64_t total = 0;
-    for (const UsbCapture& capture : captures) total += capture.Records().size();
-    total *= options.loop;
     while (!UsbdReplay_WaitSent(kTickMS)) {
         if (stopRequested.load(std::memory_order_relaxed)) return StopSending();
         if (!Healthy() || !Look()) return;
         if (!options.timed && !Moves(kSendLimit)) return Fail("the daemon cannot send any more");
-        if (progress) progress(ledger.daemon.sent.Messages() - ledger.daemon.sent.async, total);
     }
 }
 
@@ -243,6 +252,7 @@ bool ReplaySession::Look() {
         if (Healthy()) Fail("the agent does not answer");
     }
     LookHere();
+    if (progress) progress(ledger.daemon.sent.Messages() - ledger.daemon.sent.async, total);
     return !failed;
 }
 

@@ -1,5 +1,5 @@
-// One replay from start to end: the agent process, the loaded plug-in with its service, daemon and embedding client,
-// the traffic between them, and the account of it.
+// One replay from start to end: the agent, its own or one that it shares with other sessions, the loaded plug-in with
+// its service, daemon and embedding client, the traffic between them, and the account of it.
 #pragma once
 
 #include <atomic>
@@ -12,7 +12,7 @@
 #include "standin/client/EmbeddingClient.h"
 #include "standin/qscservice/PluginHost.h"
 #include "standin/usbd/UsbCapture.h"
-#include "tools/replay/AgentProcess.h"
+#include "tools/replay/AgentAccess.h"
 #include "tools/replay/Interrupter.h"
 #include "tools/replay/Ledger.h"
 #include "tools/replay/Options.h"
@@ -22,11 +22,13 @@ class ReplaySession {
 public:
     // Called some times a second on the thread of Run with the messages sent so far and those of the whole replay.
     using OnProgress = std::function<void(uint64_t sent, uint64_t total)>;
+    // Called on the thread of Run when everything stands but the connection to the agent; it is made on return.
+    using OnPrepared = std::function<void()>;
 
     // stopRequested may turn true at any time, also in a signal handler: sending ends, what was sent is awaited, and
     // the run ends in order. There must be a capture, and of all sessions of a process only one may run at a time.
     ReplaySession(const ReplayOptions& options, std::vector<UsbCapture> captures,
-                  const std::atomic<bool>& stopRequested, OnProgress onProgress);
+                  const std::atomic<bool>& stopRequested, OnProgress onProgress, OnPrepared onPrepared = nullptr);
     ReplaySession(const ReplaySession&) = delete;
     ReplaySession& operator=(const ReplaySession&) = delete;
     ~ReplaySession();
@@ -59,8 +61,10 @@ private:
     const std::vector<UsbCapture> captures;
     const std::atomic<bool>& stopRequested;
     const OnProgress progress;
+    const OnPrepared prepared;
+    uint64_t total = 0;  // messages of the whole replay
 
-    std::unique_ptr<AgentProcess> agent;
+    std::unique_ptr<AgentAccess> agent;
     qscservice::PluginHost host;
     std::unique_ptr<EmbeddingClient> client;
     std::unique_ptr<Interrupter> interrupter;

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "standin/usbd/LatencyHistogram.h"
+
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -34,6 +36,24 @@ std::string Format(const char* format, auto... values) {
     return line;
 }
 
+void AddCounts(const KindCounts& counts, KindCounts* sum) {
+    sum->post += counts.post;
+    sum->fast += counts.fast;
+    sum->hid += counts.hid;
+    sum->async += counts.async;
+    sum->bytes += counts.bytes;
+}
+
+void AddShortfall(const Shortfall& shortfall, Shortfall* sum) {
+    sum->refused += shortfall.refused;
+    sum->cut += shortfall.cut;
+    sum->lost += shortfall.lost;
+}
+
+double InMicroseconds(uint64_t nanoseconds) {
+    return static_cast<double>(nanoseconds) / 1000;
+}
+
 std::string Microseconds(double microseconds) {
     if (microseconds < 1000) return Format("%.0f us", microseconds);
     if (microseconds < 1e6) return Format("%.1f ms", microseconds / 1e3);
@@ -54,9 +74,10 @@ std::string BaseName(const std::string& path) {
 }
 
 std::string Verdict(const ReplayReport& report) {
-    std::string text = report.Ok() ? "OK" : "FAILED";
-    text += ": " + Plural(report.sent.Messages(), "message") + " in " + Duration(report.seconds) +
-            Format(" (%.0f a second), ", report.MessagesPerSecond());
+    std::string text = report.Ok() ? "OK: " : "FAILED: ";
+    if (report.clients > 1) text += std::to_string(report.clients) + " clients, ";
+    text += Plural(report.sent.Messages(), "message") + " in " + Duration(report.seconds) +
+            Format(" (%.0f a second), ", report.messagesPerSecond);
     text += report.Lost() ? WithSeparators(report.Lost()) + " lost, " : "nothing lost, ";
     text +=
         report.mismatched ? WithSeparators(report.mismatched) + " changed on the way" : "nothing changed on the way";
@@ -122,13 +143,45 @@ Shortfall Account(const char* direction, uint64_t attempted, uint64_t refused, u
     return shortfall;
 }
 
+LatencySummary ReplayReport::Latency() const {
+    const UsbReplayLatency& chief = hidLatency.samples > fastLatency.samples ? hidLatency : fastLatency;
+    return {InMicroseconds(chief.p50Ns), InMicroseconds(chief.p99Ns),
+            InMicroseconds(std::max(fastLatency.maxNs, hidLatency.maxNs))};
+}
+
+void AddCounts(const AgentCounts& counts, AgentCounts* sum) {
+    sum->greeted = sum->greeted || counts.greeted;
+    AddCounts(counts.received, &sum->received);
+    sum->repliesAccepted += counts.repliesAccepted;
+    sum->repliesRefused += counts.repliesRefused;
+    sum->repliesCut += counts.repliesCut;
+    sum->undeliverable += counts.undeliverable;
+    sum->malformed += counts.malformed;
+}
+
+void AddFigures(const ReplayReport& client, ReplayReport* sum) {
+    AddCounts(client.sent, &sum->sent);
+    AddCounts(client.agent, &sum->agent);
+    AddCounts(client.returned, &sum->returned);
+    AddShortfall(client.outbound, &sum->outbound);
+    AddShortfall(client.returning, &sum->returning);
+    sum->mismatched += client.mismatched;
+    sum->interruptions += client.interruptions;
+    sum->stoppedEarly = sum->stoppedEarly || client.stoppedEarly;
+    sum->seconds = std::max(sum->seconds, client.seconds);
+    if (sum->seconds > 0) sum->messagesPerSecond = static_cast<double>(sum->sent.Messages()) / sum->seconds;
+    usbd::LatencyHistogram::Merge(client.fastLatency, &sum->fastLatency);
+    usbd::LatencyHistogram::Merge(client.hidLatency, &sum->hidLatency);
+}
+
 std::string ReportAsJson(const ReplayReport& report) {
-    const LatencySummary& latency = report.latency;
+    const LatencySummary latency = report.Latency();
     const Json json = {
         {"ok", report.Ok()},
+        {"clients", report.clients},
         {"captures", CapturesAsJson(report.captures)},
         {"sent", CountsAsJson(report.sent)},
-        {"agent", CountsAsJson(report.agent)},
+        {"agent", CountsAsJson(report.agent.received)},
         {"returned", CountsAsJson(report.returned)},
         {"refused", report.outbound.refused},
         {"cut", report.outbound.cut},
@@ -140,9 +193,10 @@ std::string ReportAsJson(const ReplayReport& report) {
         {"interruptions", report.interruptions},
         {"stopped_early", report.stoppedEarly},
         {"seconds", report.seconds},
-        {"messages_per_second", report.MessagesPerSecond()},
+        {"messages_per_second", report.messagesPerSecond},
         {"latency_us", {{"p50", latency.p50}, {"p99", latency.p99}, {"max", latency.max}}},
-        {"log", report.log},
+        {"log", report.logs.empty() ? "" : report.logs.front()},
+        {"logs", report.logs},
         {"problems", report.problems},
     };
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
@@ -152,9 +206,11 @@ std::string ReportAsText(const ReplayReport& report) {
     std::string text = Verdict(report);
     text += CaptureTable(report.captures);
     text += Format("\n  %-9s %11s %11s %11s %11s %15s\n", "messages", "post", "fast", "hid", "async", "bytes");
-    text += CountRow("sent", report.sent) + CountRow("agent", report.agent) + CountRow("returned", report.returned);
+    text += CountRow("sent", report.sent) + CountRow("agent", report.agent.received) +
+            CountRow("returned", report.returned);
     text += ChannelLines(report);
-    text += "\n  latency   " + Microseconds(report.latency.p50) + " median, " + Microseconds(report.latency.p99) +
-            " for 99 %, " + Microseconds(report.latency.max) + " at most\n";
+    const LatencySummary latency = report.Latency();
+    text += "\n  latency   " + Microseconds(latency.p50) + " median, " + Microseconds(latency.p99) + " for 99 %, " +
+            Microseconds(latency.max) + " at most\n";
     return text;
 }
