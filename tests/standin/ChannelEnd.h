@@ -69,8 +69,8 @@ public:
 
     void* Create(const std::string& name, uint32_t flags = 0x0D) {
         void* hObject = nullptr;
-        auto& owner = m_owners[name];
-        owner = {this, name};
+        Owner& owner =
+            m_owners.try_emplace(name, Owner{this, name}).first->second;  // a late callback may still read it
         EXPECT_TRUE(channel->CreateObject(name.c_str(), &kObjectSink, &owner, flags, &hObject)) << name;
         return hObject;
     }

@@ -273,7 +273,7 @@ TEST_F(PolledSideChannelTest, DeliversOnThePollingThreadAndHoldsUpThePeer) {
     while (ServiceChannel::ObjectState(atClient) != QSC_OBJECT_SIDE_CHANNEL_CONNECTED) client.channel->PollWait(100);
     AwaitStates(server, 2);
 
-    constexpr uint32_t kMessages = 64;
+    constexpr uint32_t kMessages = 96;
     std::atomic<uint32_t> sent{0};
     std::thread sender([&] {
         for (; sent < kMessages; ++sent) ASSERT_NE(server.Send(atServer, sent, 1 << 20), 0u);
@@ -284,7 +284,7 @@ TEST_F(PolledSideChannelTest, DeliversOnThePollingThreadAndHoldsUpThePeer) {
         if (received++ != 0) return;
         while (sent < 16) std::this_thread::yield();
         for (int i = 0; i < 1000; ++i) std::this_thread::yield();
-        EXPECT_LE(sent.load(), 30u);
+        EXPECT_LE(sent.load(), 60u);  // 16 MiB, and what the socket holds
     };
     while (received < kMessages) client.channel->PollWait(kLongMS);
     sender.join();

@@ -78,8 +78,8 @@ class Ends : public ChannelPair {
 public:
     explicit Ends(const ChannelOptions& clientOptions = {}) : ChannelPair(clientOptions) {}
 
-    using ChannelPair::ConnectObject;
     using ChannelPair::client, ChannelPair::server, ChannelPair::atClient, ChannelPair::atServer;
+    using ChannelPair::ConnectObject;
     void TestBody() override {}
 
     void OpenAt(const std::string& address) {
