@@ -65,7 +65,7 @@ void* Registry::NewHandle() {
 }
 
 QscMsgChannelID Registry::AddMsgChannel(const std::shared_ptr<ServiceChannel>& channel) {
-    const QscMsgChannelID id = NewHandle();
+    QscMsgChannelID id = NewHandle();
     Lock lock(m_mutex);
     m_msgChannels[id] = channel;
     return id;

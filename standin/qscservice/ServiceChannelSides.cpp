@@ -232,7 +232,7 @@ ServiceChannel::SidePtr ServiceChannel::SideOf(const ObjectPtr& object) const {
 ServiceChannel::ObjectPtr ServiceChannel::FindAttempt(const FrameView& frame, SidePtr* side) const {
     const std::vector<Value> values = ItemValues(frame);
     Lock lock(m_mutex);
-    const ObjectPtr own = FindObject(values[0].text);
+    ObjectPtr own = FindObject(values[0].text);
     if (!own || !own->side || own->side->Number() != values[1].number) return nullptr;
     *side = own->side;
     return own;

@@ -43,7 +43,7 @@ bool SideChannel::Dial(const std::string& address) {
     return true;
 }
 
-bool SideChannel::Switch(std::shared_ptr<SocketLink> link) {
+bool SideChannel::Switch(const std::shared_ptr<SocketLink>& link) {
     {
         Lock send(m_object->sendMutex);
         Lock lock(m_mutex);
@@ -148,7 +148,7 @@ void SideChannel::Run() {
     m_link = nullptr;
 }
 
-// The rendezvous closes when it is over.
+// The rendezvous is taken over, and closes with the end. NOLINTNEXTLINE(performance-unnecessary-value-param)
 std::shared_ptr<SocketLink> SideChannel::AwaitPeer(std::shared_ptr<Rendezvous> rendezvous) {
     Fd socket = rendezvous->Accept(m_channel.m_options.meetLimitMS);
     {
@@ -156,7 +156,7 @@ std::shared_ptr<SocketLink> SideChannel::AwaitPeer(std::shared_ptr<Rendezvous> r
         m_rendezvous = nullptr;
     }
     if (!socket.IsOpen()) return nullptr;
-    const auto link = std::make_shared<SocketLink>(std::move(socket));
+    auto link = std::make_shared<SocketLink>(std::move(socket));
     link->receivedFrames = 1;  // the greeting
     m_channel.Enqueue([this, self = shared_from_this(), link] { m_channel.OnSideChannelAccepted(self, link); });
     return link;

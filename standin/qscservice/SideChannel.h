@@ -53,7 +53,7 @@ public:
 
     // Sends the switch, and moves the object's frames to the side connection; link is the server's. False when there is
     // none, or the attempt is over.
-    bool Switch(std::shared_ptr<SocketLink> link = nullptr);
+    bool Switch(const std::shared_ptr<SocketLink>& link = nullptr);
     // The peer has switched: what it sends on the side connection may be read.
     void OpenGate();
     bool IsGateOpen() const;
