@@ -140,8 +140,10 @@ bool RPCManager::CallServerInit(const char* signature, DWORD sessionId, bool mul
     const QSCService_ServerExports& exports = m_serverExports;
     m_sessionId = sessionId;
     if (multiServerMode) {
-        return call("QSCService_MultiServerInit()", exports.MultiServerInit, sessionId, m_name, "", query,
-                    &m_hMultiServer);
+        const bool called = call("QSCService_MultiServerInit()", exports.MultiServerInit, sessionId, m_name, "", query,
+                                 &m_hMultiServer);
+        if (!called) m_hMultiServer = nullptr;  // of a server that doesn't exist, whatever was left there
+        return called;
     }
     if (sessionId != kNoSession) {
         return call("QSCService_ServerInit2()", exports.ServerInit2, sessionId, m_name, query, hChannel);
@@ -200,6 +202,7 @@ bool RPCManager::StartMultiServer(const char* signature) {
         return false;
     }
     if (!m_serverTable.RegisterServerNotifySink(Handle(), &m_serverSink, m_hMultiServer, &m_serverSinkCookie)) {
+        m_serverSinkCookie = 0;
         LOG_AS(signature, Error, "RegisterServerNotifySink() failed.\n");
         return false;
     }
@@ -280,7 +283,8 @@ bool RPCManager::InstanceExitImp(const RCPtr<RPCPluginInstance>& instance, bool 
     return exited;
 }
 
-// The reference of the start is the last thing to go, as this object may go with it.
+// The reference of the start is the last thing to go, as this object may go with it. Only a multi-server start has
+// taken one: a manager in another mode keeps its count.
 bool RPCManager::MultiServerExit(DWORD sessionId, void* reserved) {
     FUNCTION_TRACE(Info, "%s(0x%p)", m_name, Handle());
     if (m_serverSinkCookie != 0) {
@@ -305,7 +309,9 @@ bool RPCManager::MultiServerExit(DWORD sessionId, void* reserved) {
     const bool wasInitialized = m_initialized.exchange(false, std::memory_order_acq_rel);
     m_hInitThreadId.store(0, std::memory_order_relaxed);
     m_sessionId = kNoSession;
-    if (wasInitialized) Release();
+    const bool heldByStart = wasInitialized && IsServer() && !m_rpcPlugin;
+    m_rpcPlugin = nullptr;
+    if (heldByStart) Release();
     return exited;
 }
 

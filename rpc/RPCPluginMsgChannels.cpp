@@ -1,6 +1,8 @@
 // The other ways to the peer: message channels, the ids of server connections, and the switch to stream data.
 #include <algorithm>
+#include <cstring>
 #include <new>
+#include <string>
 #include <utility>
 
 #include "rpc/HandleWord.h"
@@ -95,9 +97,10 @@ void RPCPluginInstance::QscOnMsgChannelPeerOpened(void* context, void* a, QscMsg
     const RCPtr<MsgChannelId> channel = MsgChannelId::FindByHandle(context);
     const RCPtr<RPCPluginInstance> instance = channel ? channel->Instance() : RCPtr<RPCPluginInstance>();
     if (!instance) return;
-    if (!instance->IsPeerMsgChannel(peer)) {
+    {
         KxMutexGuard guard(instance->m_stateMutex);
-        instance->m_peerMsgChannels.push_back(peer);
+        std::vector<QscMsgChannelID>& peers = instance->m_peerMsgChannels;
+        if (std::find(peers.begin(), peers.end(), peer) == peers.end()) peers.push_back(peer);
     }
     instance->OnMsgChannelPeerOpened(context, a, peer, b, c);
 }
@@ -177,7 +180,9 @@ Bool RPCPluginInstance::GetUniqueSerializedId(int size, char* buffer) {
         LOG(Warn, "Server 0x%p GetUniqueSerializedId with %d bytes buffer failed\n", m_hServerId, size);
         return FALSE;
     }
-    LOG(Debug, "Server 0x%p id[%s].\n", m_hServerId, buffer);
+    // The service need not have ended the text, nor have been given a place for it.
+    LOG(Debug, "Server 0x%p id[%s].\n", m_hServerId,
+        buffer ? std::string(buffer, strnlen(buffer, static_cast<size_t>(std::max(size, 0)))).c_str() : "");
     return result;
 }
 

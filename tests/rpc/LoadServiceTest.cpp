@@ -10,12 +10,11 @@
 #include "rpc/MsgChannelId.h"
 #include "rpc/QscServicePath.h"
 #include "rpc/SessionUtils.h"
+#include "tests/rpc/StubService.h"
 #include "tests/rpc/TableService.h"
 #include "tests/rpc/TestManager.h"
 
 namespace {
-
-std::string gServicePath;
 
 class LoadService : public testing::Test {
 protected:

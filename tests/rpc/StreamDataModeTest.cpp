@@ -1,0 +1,96 @@
+// What an instance does with a channel that has turned into a descriptor.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "tests/rpc/ChannelService.h"
+
+namespace {
+
+using Names = ChannelService::Names;
+
+constexpr const char* kRefusedDisconnect = "ChannelDisconnect is not supported in streamData mode\n";
+
+class StreamDataMode : public InstanceUnderTest {
+protected:
+    // Before Start: the service then answers a switch with that descriptor, or refuses it.
+    void Answer(int descriptor) {
+        fd = descriptor;
+        current = this;
+        service.channel.SwitchToStreamData = [](const char* name, void* hChannel, int* stored) {
+            EXPECT_STREQ(name, "dataTcp");
+            EXPECT_EQ(hChannel, &current->channelHandle);
+            *stored = current->fd;
+            return current->fd < 0 ? FALSE : Bool{2};
+        };
+    }
+
+    int fd = -1;
+    inline static StreamDataMode* current = nullptr;
+};
+
+TEST_F(StreamDataMode, AFailedSwitchChangesNothing) {
+    for (const bool missing : {true, false}) {
+        if (!missing) Answer(-1);
+        Start();
+        EXPECT_EQ(instance->SwitchToStreamDataMode(), 0);
+        EXPECT_EQ(Errors(), Names{"Switch to StreamData mode failed!\n"});
+        EXPECT_TRUE(instance->ChannelConnect());
+        EXPECT_TRUE(instance->ChannelDisconnect());
+        EXPECT_TRUE(instance->UnregisterChannelSink());
+    }
+}
+
+TEST_F(StreamDataMode, ADescriptorOfZeroSwitchesToo) {
+    Answer(0);
+    Start();
+    EXPECT_EQ(instance->SwitchToStreamDataMode(), 0);
+    EXPECT_TRUE(log.Has(kLogInfo, "Switch to StreamData mode Succeeded fd=0!\n"));
+    EXPECT_FALSE(instance->ChannelDisconnect());
+    EXPECT_EQ(Errors(), Names{kRefusedDisconnect});
+    fd = 5;
+    EXPECT_EQ(instance->SwitchToStreamDataMode(), 5) << "again, if the service lets it";
+}
+
+TEST_F(StreamDataMode, ContextsAreMadeAndDestroyedButNotSent) {
+    Answer(5);
+    StartReady();
+    EXPECT_EQ(instance->SwitchToStreamDataMode(), 5);
+    for (const RPCChannelType type : {RPCChannelType::Control, RPCChannelType::Data}) {
+        void* hContext = nullptr;
+        uint32_t options = 0;
+        EXPECT_TRUE(instance->CreateMessage(&hContext, type));
+        EXPECT_TRUE(instance->CreateExtMessage(&hContext, type, 3));
+        EXPECT_TRUE(instance->GetChannelOptions(type, &options));
+        EXPECT_EQ(Errors(), Names{});
+        service.TakeCalls();
+        EXPECT_FALSE(instance->InvokeMessage(hContext, TRUE, type));
+        EXPECT_EQ(service.TakeCalls(), Names{});
+        EXPECT_TRUE(instance->DestroyMessage(hContext));
+        log.Clear();
+    }
+    EXPECT_EQ(instance->UpdatePendingCount(0, nullptr, 0), 0) << "a refused request is not pending";
+}
+
+// The service's word on the channel arrives, but the objects and the readiness stay.
+TEST_F(StreamDataMode, TheChannelsEventsNoLongerTakeAnythingDown) {
+    Answer(5);
+    StartReady();
+    EXPECT_EQ(instance->SwitchToStreamDataMode(), 5);
+    service.TakeCalls();
+    service.FireConnection(QSC_CONNECTION_DISCONNECTED);
+    service.FireConnection(QSC_CONNECTION_CONNECTED);
+    EXPECT_EQ(Errors(), (Names{kRefusedDisconnect, "ChannelConnect is not supported in streamData mode\n"}));
+    service.FireChannel(QSC_CHANNEL_DISCONNECTED);
+    EXPECT_EQ(log.Count("ChannelObjDestroy is not supported in streamData mode\n"), 2u);
+    EXPECT_EQ(service.TakeCalls(), Names{});
+    EXPECT_TRUE(instance->IsReady());
+    EXPECT_EQ(instance->TakeHeard(), Names{});
+    for (const LogCapture::Line& line : log.Lines()) {
+        const size_t end = line.text.find(" is not supported in streamData mode\n");
+        if (end == std::string::npos) continue;
+        EXPECT_NE(line.function.find("::" + line.text.substr(0, end) + "("), std::string::npos) << line.function;
+    }
+}
+
+}  // namespace
