@@ -385,7 +385,7 @@ TEST_F(SideChannelTest, AnObjectMayGoInTheMiddle) {
         const bool byServer = round % 2 == 0;
         const bool serverGoes = round % 4 < 2;
         ASSERT_TRUE(ServiceChannel::RequestSideChannel(byServer ? atServer : atClient, 1 + round % 4));
-        for (int i = 0; i < round % 60 * 20; ++i) std::this_thread::yield();
+        for (int i = 0; i < round % 20 * 5; ++i) std::this_thread::yield();
         if (client.Send(atClient, 1, 3000) != 0) ++sent;
         ServiceChannel::DestroyObject(serverGoes ? atServer : atClient);
         ChannelEnd& other = serverGoes ? client : server;
