@@ -22,7 +22,7 @@ ServerMap& Servers() {
 
 }  // namespace
 
-// For a manager that isn't counted, whose entries don't keep it.
+// For a manager that is not counted, whose entries don't keep it, and for one that its caller holds.
 void RPCManager::RemoveFromServerMap() {
     ServerMap& servers = Servers();
     KxMutexGuard guard(servers.mutex);

@@ -306,6 +306,7 @@ bool RPCManager::MultiServerExit(DWORD sessionId, void* reserved) {
         released.swap(m_instances);
     }
     if (std::exchange(m_serverApiInitialized, false)) exited = QSCServiceServerExit(sessionId, reserved) && exited;
+    RemoveFromServerMap();  // of connections that were up: their instances are gone, and no report of that comes
     const bool wasInitialized = m_initialized.exchange(false, std::memory_order_acq_rel);
     m_hInitThreadId.store(0, std::memory_order_relaxed);
     m_sessionId = kNoSession;

@@ -240,8 +240,13 @@ TEST_F(ServerStart, TheStartHoldsTheManagerUntilItsExit) {
         return std::any_of(texts.begin(), texts.end(), [](const std::string& t) { return t.ends_with(" destroyed"); });
     };
     EXPECT_FALSE(isDestroyed());
+    const auto client = ServiceChannel::Create();
+    std::string error;
+    ASSERT_TRUE(client->Dial(ServerAddress(), &error)) << error;
+    ASSERT_TRUE(kept->events.WaitFor("1 created")) << "a connection that is up at the exit doesn't keep it either";
     EXPECT_TRUE(kept->MultiServerExit(5, nullptr));
     EXPECT_TRUE(isDestroyed());
+    client->Close();
 }
 
 }  // namespace
