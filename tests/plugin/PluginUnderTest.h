@@ -56,6 +56,8 @@ protected:
         QSCUsbRedirectionPlugin_Init(HearInitDone, HearFilterStatus, &dispatch);
         QSCService_PluginInit(service.Query());
         initialised = true;
+        // The logger's thread tells of its start in its own time: not in the middle of what a test looks at.
+        EXPECT_TRUE(log.WaitForPrefix(kLogInfo, "Enter - Logger: "));
     }
 
     // The daemon runs and has its callbacks; there is no instance.

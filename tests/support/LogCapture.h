@@ -49,6 +49,15 @@ public:
         return changed.wait_for(guard, std::chrono::seconds(10), [&] { return HasLocked(level, text); });
     }
 
+    // The same for a line that begins so.
+    bool WaitForPrefix(int level, const std::string& begin) const {
+        std::unique_lock guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(10), [&] {
+            return std::any_of(lines.begin(), lines.end(),
+                               [&](const Line& line) { return line.level == level && line.text.starts_with(begin); });
+        });
+    }
+
     size_t Count(const std::string& text) const {
         std::lock_guard guard(lock);
         return static_cast<size_t>(
