@@ -4,6 +4,8 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
 
 namespace {
 
@@ -81,8 +84,23 @@ private:
 }  // namespace
 
 Program::Program(const std::string& name, const std::vector<std::string>& args) {
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) return;
+    int ends[2];
+    if (pipe2(ends, O_CLOEXEC) != 0) return;
+    out = ends[0];
+    Start(name, args, ends[1]);
+}
+
+Program::Program(const std::string& name, const std::vector<std::string>& args, unsigned short terminalRows) {
+    out = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (grantpt(out) != 0 || unlockpt(out) != 0) return;
+    const winsize size = {terminalRows, 132, 0, 0};
+    ioctl(out, TIOCSWINSZ, &size);
+    Start(name, args, open(ptsname(out), O_RDWR | O_NOCTTY | O_CLOEXEC));
+}
+
+void Program::Start(const std::string& name, const std::vector<std::string>& args, int outEnd) {
+    int errPipe[2];
+    if (pipe2(errPipe, O_CLOEXEC) != 0) return;
     const std::string path = std::string(BUILD_FOLDER) + "/bin/" + name;
     std::vector<char*> argv = {const_cast<char*>(path.c_str())};
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
@@ -90,13 +108,12 @@ Program::Program(const std::string& name, const std::vector<std::string>& args) 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], STDOUT_FILENO);
+    posix_spawn_file_actions_adddup2(&actions, outEnd, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], STDERR_FILENO);
     if (posix_spawn(&pid, path.c_str(), &actions, nullptr, argv.data(), environ) != 0) pid = -1;
     posix_spawn_file_actions_destroy(&actions);
-    close(outPipe[1]);
+    close(outEnd);
     close(errPipe[1]);
-    out = outPipe[0];
     err = errPipe[0];
 }
 
@@ -145,8 +162,26 @@ void AwaitEnd(pid_t process) {
     close(end.fd);
 }
 
+std::string Program::ReadUntil(const std::string& text) {
+    const auto deadline = Clock::now() + kRunLimit;
+    size_t found;
+    while ((found = unread.find(text)) == std::string::npos) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd stream = {out, POLLIN, 0};
+        std::array<char, 4096> buffer;
+        if (left <= 0 || poll(&stream, 1, static_cast<int>(left)) <= 0) return {};
+        const ssize_t got = read(out, buffer.data(), buffer.size());
+        if (got <= 0) return {};
+        unread.append(buffer.data(), static_cast<size_t>(got));
+    }
+    const std::string all = unread.substr(0, found + text.size());
+    unread.erase(0, all.size());
+    return all;
+}
+
 ProgramResult Program::Finish() {
     ProgramResult result;
+    result.out = std::exchange(unread, {});
     if (pid <= 0) return result;
     const auto deadline = Clock::now() + kRunLimit;
     std::array<pollfd, 2> streams = {{{out, POLLIN, 0}, {err, POLLIN, 0}}};

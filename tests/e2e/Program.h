@@ -20,6 +20,8 @@ struct ProgramResult {
 class Program {
 public:
     Program(const std::string& name, const std::vector<std::string>& args);
+    // The same with its standard output on a terminal of so many rows.
+    Program(const std::string& name, const std::vector<std::string>& args, unsigned short terminalRows);
     Program(const Program&) = delete;
     Program& operator=(const Program&) = delete;
     ~Program();  // kills what still runs
@@ -36,14 +38,20 @@ public:
     // if there are less in time.
     std::vector<pid_t> WaitForBusyChildren(const std::string& name, size_t count) const;
 
+    // Reads standard output until the text stands there, and returns all of it up to and with the text; what comes
+    // behind is for the next call. Empty if the text doesn't come.
+    std::string ReadUntil(const std::string& text);
+
     // Collects the output until the program ends.
     ProgramResult Finish();
 
 private:
+    void Start(const std::string& name, const std::vector<std::string>& args, int outEnd);
     std::vector<pid_t> WaitForChildren(const std::string& name, size_t count, uint64_t minTicks) const;
 
     pid_t pid = -1;
     int out = -1, err = -1;
+    std::string unread;  // of standard output, already taken from there
 };
 
 // The arguments of a running process, its name first.

@@ -28,27 +28,37 @@ struct SessionView {
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(SessionView, id, client, ready, received, bytes, replies, pending, oldestMS, seconds,
                                    idleSeconds)
 
-// Safe on any thread. A message is counted together with its reply, so that whoever sees the one sees the other.
+// The account of one client. Safe on any thread. A message is counted together with its reply, so that whoever sees the
+// one sees the other.
+class ClientBook {
+public:
+    // True for the first time: the client counts as greeted from here on.
+    bool Greet();
+    uint32_t NextRunningNumber();
+    void CountMessage(uint64_t KindCounts::*kind, size_t bytes);
+    // The same with a reply that was sent, or refused.
+    void CountMessage(uint64_t KindCounts::*kind, size_t bytes, bool accepted);
+    void CountReply(bool accepted);
+    void CountMalformed();
+
+    void AddTo(AgentCounts* sum) const;
+
+private:
+    mutable qscservice::Mutex lock;  // guards both
+    AgentCounts counts GUARDED_BY(lock);
+    uint32_t runningNumber GUARDED_BY(lock) = 0;
+};
+
+// The accounts of all clients. Safe on any thread.
 class AgentBook {
 public:
-    // True if that client hasn't been greeted yet; it counts as greeted from here on.
-    bool Greet(uint64_t client);
-    uint32_t NextRunningNumber(uint64_t client);
-    void CountMessage(uint64_t client, uint64_t KindCounts::*kind, size_t bytes);
-    // The same with a reply that was sent, or refused.
-    void CountMessage(uint64_t client, uint64_t KindCounts::*kind, size_t bytes, bool accepted);
-    void CountReply(uint64_t client, bool accepted);
-    void CountMalformed(uint64_t client);
+    // The client's, made on first use; it stays where it is as long as the book.
+    ClientBook& Of(uint64_t client);
 
     // Of one client, or of all for 0, with what the service adds to it.
     AgentCounts Counts(uint64_t client) const;
 
 private:
-    struct Client {
-        AgentCounts counts;
-        uint32_t runningNumber = 0;
-    };
-
     mutable qscservice::Mutex lock;  // guards clients
-    std::map<uint64_t, Client> clients GUARDED_BY(lock);
+    std::map<uint64_t, ClientBook> clients GUARDED_BY(lock);
 };

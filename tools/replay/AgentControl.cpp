@@ -16,16 +16,9 @@ namespace {
 
 constexpr size_t kMaxRequest = 4096;
 
-bool SendAll(int fd, const std::string& text) {
-    for (size_t sent = 0; sent < text.size();) {
-        const ssize_t took = send(fd, text.data() + sent, text.size() - sent, MSG_NOSIGNAL);
-        if (took > 0) {
-            sent += static_cast<size_t>(took);
-        } else if (errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
+// At once and whole, or not at all: a peer that doesn't read must not hold up the others.
+bool Send(int fd, const std::string& text) {
+    return send(fd, text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(text.size());
 }
 
 }  // namespace
@@ -84,7 +77,7 @@ bool AgentControl::Serve(int fd, std::string* unread) const {
     unread->append(buffer, static_cast<size_t>(count));
     for (size_t end; (end = unread->find('\n')) != std::string::npos; unread->erase(0, end + 1)) {
         const std::string line = answer(unread->substr(0, end));
-        if (line.empty() || !SendAll(fd, line + "\n")) return false;
+        if (line.empty() || !Send(fd, line + "\n")) return false;
     }
     return unread->size() <= kMaxRequest;
 }

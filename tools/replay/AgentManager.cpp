@@ -35,12 +35,13 @@ enum Command : uint32_t { kPost = 0, kFastPost = 1, kAsyncMessage = 2, kHidPost 
 }  // namespace
 
 AgentInstance::AgentInstance(RPCManager* manager, AgentBook* book)
-    : RPCPluginInstance(manager, RefCountOn), book(*book) {}
+    : RPCPluginInstance(manager, RefCountOn), book(*book), account(&book->Of(0)) {}
 
 // On the service's delivery thread for this session, so the current channel is its own.
 void AgentInstance::OnReady() {
     if (const auto channel = qscservice::FindServerChannel(nullptr)) {
         client.store(channel->Account().peerEnd, std::memory_order_relaxed);
+        account = &book.Of(client);
     }
     std::string text(static_cast<size_t>(std::max(GetUniqueSerializedIdSize(), 1)), '\0');
     if (GetUniqueSerializedId(static_cast<int>(text.size()), text.data())) {
@@ -49,9 +50,9 @@ void AgentInstance::OnReady() {
         id = text;
     }
     LOG(Info, "The channel of client %016llX is ready\n", static_cast<unsigned long long>(client.load()));
-    if (!book.Greet(client)) return;
+    if (!account->Greet()) return;
     for (const char* type : {"Filter", "UnFilter"}) {
-        book.CountReply(client, PostText(type, {static_cast<uint32_t>(std::strlen(type)), type}));
+        account->CountReply(PostText(type, {static_cast<uint32_t>(std::strlen(type)), type}));
     }
 }
 
@@ -78,7 +79,7 @@ void AgentInstance::OnInvoke(void* context) {
             understood = ReturnHidPost(message);
             break;
     }
-    if (!understood) book.CountMalformed(client);
+    if (!understood) account->CountMalformed();
 }
 
 bool AgentInstance::Post(uint32_t command, const std::function<bool(AgentCommand&)>& fill) {
@@ -101,7 +102,7 @@ bool AgentInstance::CountPost(AgentCommand& message) {
     RPCVariant type(this), content(this);
     if (!message.Read(0, QSC_VT_LPSTR, &type) || !message.Read(1, QSC_VT_BLOB, &content)) return false;
     Note(content.blob.size);
-    book.CountMessage(client, &KindCounts::post, content.blob.size);
+    account->CountMessage(&KindCounts::post, content.blob.size);
     return true;
 }
 
@@ -110,13 +111,13 @@ bool AgentInstance::ReturnFastPost(AgentCommand& message) {
     if (!message.Read(0, QSC_VT_BLOB, &content)) return false;
     const uint64 size = content.blob.size;
     const uint64 trailer = size > kFastHeaderBytes ? size - kFastHeaderBytes : 0;
-    const uint32_t number = book.NextRunningNumber(client);
+    const uint32_t number = account->NextRunningNumber();
     const bool accepted = Post(kFastPost, [&](AgentCommand& post) {
         return post.AddParam(number) && post.AddParam(uint64{kFastHeaderBytes}) && post.AddParam(trailer) &&
                post.AddParam(&content.blob);
     });
     Note(content.blob.size);
-    book.CountMessage(client, &KindCounts::fast, content.blob.size, accepted);
+    account->CountMessage(&KindCounts::fast, content.blob.size, accepted);
     return true;
 }
 
@@ -125,7 +126,7 @@ bool AgentInstance::ReturnHidPost(AgentCommand& message) {
     if (!message.Read(0, QSC_VT_BLOB, &content)) return false;
     const bool accepted = PostText("HIDOptOperation", content.blob);
     Note(content.blob.size);
-    book.CountMessage(client, &KindCounts::hid, content.blob.size, accepted);
+    account->CountMessage(&KindCounts::hid, content.blob.size, accepted);
     return true;
 }
 
@@ -142,7 +143,7 @@ bool AgentInstance::Answer(AgentCommand& message) {
     const QSC_RPC_BLOB blob = {static_cast<uint32_t>(response.size()), response.data()};
     if (!message.AppendReturnVal(messageId.str) || !message.AppendReturnVal(&blob)) return false;
     Note(content.blob.size);
-    book.CountMessage(client, &KindCounts::async, content.blob.size);
+    account->CountMessage(&KindCounts::async, content.blob.size);
     return true;
 }
 

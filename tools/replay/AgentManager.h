@@ -35,7 +35,9 @@ private:
 
     AgentBook& book;  // outlives all instances
     const Clock::time_point begin = Clock::now();
-    std::vector<uint8_t> response;   // of the delivery thread alone
+    // Of the delivery thread alone.
+    ClientBook* account;  // from OnReady on the client's own
+    std::vector<uint8_t> response;
     mutable qscservice::Mutex lock;  // guards id
     std::string id GUARDED_BY(lock);
     // Lone figures for View: relaxed.
