@@ -1,17 +1,11 @@
 // Which service library a start accepts, and what it says of one that it doesn't.
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
-#include <thread>
-#include <utility>
 #include <vector>
 
-#include "rpc/MsgChannelId.h"
 #include "rpc/QscServicePath.h"
-#include "rpc/SessionUtils.h"
 #include "tests/rpc/StubService.h"
-#include "tests/rpc/TableService.h"
 #include "tests/rpc/TestManager.h"
 
 namespace {
@@ -76,149 +70,6 @@ TEST_F(LoadService, APathWithoutALibraryIsNamed) {
     EXPECT_EQ(errors[1], "LoadQscService() failed.\n");
     EXPECT_FALSE(manager->ServerInit(nullptr, 0, false));
     EXPECT_TRUE(log.Has(kLogError, "rpcPlugin == NULL\n"));
-}
-
-// What an instance answers while its manager has no server table, or one whose words refuse.
-TEST_F(LoadService, WithoutTheServerTableMessageChannelsAndIdsAnswerNothing) {
-    LogCapture all;
-    const RCPtr<TestManager> manager(new TestManager(RefCountOn));
-    Texts heard;
-    const RCPtr<RPCPluginInstance> instance(new TestInstance(manager.Get(), &heard));
-    all.Clear();
-    EXPECT_EQ(instance->OpenMsgChannel("name"), nullptr);
-    EXPECT_EQ(all.Texts(kLogError), Texts{}) << "a missing table is no error";
-    EXPECT_FALSE(instance->CloseMsgChannel(manager.Get()));
-    EXPECT_FALSE(instance->SendMsgChannel(manager.Get(), nullptr, nullptr, nullptr));
-    EXPECT_FALSE(instance->IsMsgChannelOpened(manager.Get()));
-    EXPECT_FALSE(instance->GetMsgChannelInfo(manager.Get(), nullptr));
-    char buffer[8];
-    EXPECT_EQ(instance->GetUniqueSerializedIdSize(), 0);
-    EXPECT_EQ(instance->GetUniqueSerializedId(sizeof buffer, buffer), FALSE);
-    EXPECT_EQ(instance->IsUniqueSerializedIdOwner("id"), FALSE);
-    EXPECT_EQ(all.Texts(kLogWarn), (Texts{"GetUniqueSerializedIdSize API is not available.\n",
-                                          "GetUniqueSerializedId API is not available.\n",
-                                          "IsUniqueSerializedIdOwner API is not available.\n"}));
-    EXPECT_EQ(instance->SwitchToStreamDataMode(), 0);
-    EXPECT_EQ(all.Texts(kLogError), Texts{"Switch to StreamData mode failed!\n"});
-
-    static QSCService_MsgChannelNotifySink sink;
-    static void* context;
-    static Bool opens;
-    QSCService_ServerInterface table{};
-    table.OpenMsgChannel = [](void* handle, QscServerID, const char*, const QSCService_MsgChannelNotifySink* given) {
-        sink = *given;
-        context = handle;
-        return opens;
-    };
-    table.CloseMsgChannel = [](QscMsgChannelID) { return Bool{2}; };  // no success but 1
-    table.GetMsgChannelInfo = [](QscServerID, QscMsgChannelID id, QSCService_MsgChannelInfo*) {
-        return id == &sink ? TRUE : FALSE;
-    };
-    table.GetUniqueSerializedId = [](QscServerID, int, char*) { return FALSE; };
-    manager->SetServerInterface(table);
-    opens = FALSE;
-    all.Clear();
-    EXPECT_EQ(instance->OpenMsgChannel("name"), nullptr);
-    EXPECT_EQ(all.Texts(kLogError), Texts{"OpenMsgChannel failed.\n"});
-    EXPECT_EQ(sink.QscOnMsgChannelOpened(context, &sink), FALSE) << "the object is gone";
-
-    opens = TRUE;
-    void* const handle = instance->OpenMsgChannel("name");
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(handle, context);
-    EXPECT_FALSE(instance->IsMsgChannelOpened(handle));
-    EXPECT_FALSE(instance->GetMsgChannelInfo(handle, nullptr));
-    EXPECT_TRUE(all.Has(kLogWarn, "Please wait for OnMsgChannelReady.\n"));
-    EXPECT_EQ(sink.QscOnMsgChannelOpened(context, &sink), TRUE);
-    EXPECT_TRUE(instance->IsMsgChannelOpened(handle));
-    EXPECT_TRUE(instance->GetMsgChannelInfo(handle, nullptr)) << "asked under the service's id";
-    EXPECT_FALSE(instance->GetMsgChannelInfo(&opens, nullptr)) << "passed on as it stands";
-    EXPECT_EQ(instance->GetUniqueSerializedId(sizeof buffer, buffer), FALSE);
-    EXPECT_TRUE(all.Has(kLogWarn, "Server 0x(nil) GetUniqueSerializedId with 8 bytes buffer failed\n"));
-    EXPECT_FALSE(instance->CloseMsgChannel(handle));
-    EXPECT_FALSE(instance->IsMsgChannelOpened(handle)) << "closed in any case";
-    sink.QscOnMsgChannelPeerOpened(handle, nullptr, &sink, nullptr, nullptr);
-}
-
-TEST_F(LoadService, TwoClosesOfOneMessageChannelLetItGoOnce) {
-    QSCService_ServerInterface table{};
-    table.OpenMsgChannel = [](void*, QscServerID, const char*, const QSCService_MsgChannelNotifySink*) { return TRUE; };
-    table.CloseMsgChannel = [](QscMsgChannelID) { return TRUE; };
-    const RCPtr<TestManager> manager(new TestManager(RefCountOn));
-    manager->SetServerInterface(table);
-    Texts heard;
-    const RCPtr<RPCPluginInstance> instance(new TestInstance(manager.Get(), &heard));
-    for (int round = 0; round < 200; ++round) {
-        void* const handle = instance->OpenMsgChannel("name");
-        std::thread other([&] { instance->CloseMsgChannel(handle); });
-        instance->CloseMsgChannel(handle);
-        other.join();
-        EXPECT_FALSE(MsgChannelId::FindByHandle(handle));
-    }
-}
-
-TEST_F(LoadService, StreamDataModeRefusesWhatNeedsTheChannel) {
-    TableService service;
-    service.channel.SwitchToStreamData = [](const char* name, void*, int* fd) {
-        EXPECT_STREQ(name, "dataTcp");
-        *fd = 77;
-        return TRUE;
-    };
-    TestManager manager;
-    ASSERT_TRUE(manager.QSCPluginInit(service.Query()));
-    Texts heard;
-    const RCPtr<RPCPluginInstance> instance(new TestInstance(&manager, &heard));
-    EXPECT_EQ(instance->SwitchToStreamDataMode(), 77);
-    EXPECT_TRUE(log.Has(kLogInfo, "Switch to StreamData mode Succeeded fd=77!\n"));
-    RPCPluginInstance& i = *instance;
-    char name[] = "name";
-    void* hObject = nullptr;
-    const QSCRPC_ObjectNotifySink sink{};
-    const std::pair<const char*, std::function<int()>> operations[] = {
-        {"RegisterChannelSink", [&] { return i.RegisterChannelSink(nullptr); }},
-        {"UnregisterChannelSink", [&] { return i.UnregisterChannelSink(); }},
-        {"ChannelConnect", [&] { return i.ChannelConnect(); }},
-        {"ChannelDisconnect", [&] { return i.ChannelDisconnect(); }},
-        {"ChannelObjCreate", [&] { return i.ChannelObjCreate(name, &sink, false, false, &hObject); }},
-        {"ChannelObjDestroy", [&] { return i.ChannelObjDestroy(name, &hObject); }},
-        {"ChannelControlObjCreate", [&] { return i.ChannelControlObjCreate(name); }},
-        {"ChannelDataObjCreate", [&] { return i.ChannelDataObjCreate(name); }},
-        {"InvokeMessage", [&] { return i.InvokeMessage(nullptr, FALSE, RPCChannelType::Data); }},
-        {"WaitUntilReady", [&] { return i.WaitUntilReady(0); }},
-        {"WaitUntilReadyOrRejected", [&] { return i.WaitUntilReadyOrRejected(0); }},
-        {"WaitForPendingMessages", [&] { return i.WaitForPendingMessages(0); }},
-    };
-    for (const auto& [operation, call] : operations) {
-        log.Clear();
-        EXPECT_EQ(call(), 0) << operation;
-        EXPECT_EQ(log.Texts(kLogError), Texts{std::string(operation) + " is not supported in streamData mode\n"});
-    }
-    EXPECT_EQ(service.calls, Texts{}) << "the service hears of none of them";
-    manager.QSCPluginExit();
-}
-
-TEST(UniqueSid, APairKeepsItsIdUntilItIsRemoved) {
-    int places[2];
-    const uint32_t first = SessionUtils::GetUniqueSid(1, &places[0]);
-    EXPECT_NE(first, 0u);
-    EXPECT_EQ(SessionUtils::GetUniqueSid(1, &places[0]), first);
-    const uint32_t others[] = {SessionUtils::GetUniqueSid(2, &places[0]), SessionUtils::GetUniqueSid(1, &places[1])};
-    EXPECT_NE(others[0], first);
-    EXPECT_NE(others[1], first);
-    EXPECT_NE(others[0], others[1]);
-    uint32_t number = 0;
-    void* pointer = nullptr;
-    EXPECT_TRUE(SessionUtils::FindUniqueSid(others[1], &number, &pointer));
-    EXPECT_EQ(number, 1u);
-    EXPECT_EQ(pointer, &places[1]);
-    for (const uint32_t sid : {first, others[0], others[1]}) {
-        EXPECT_TRUE(SessionUtils::RemoveUniqueSid(sid));
-        EXPECT_FALSE(SessionUtils::RemoveUniqueSid(sid));
-        EXPECT_FALSE(SessionUtils::FindUniqueSid(sid, nullptr, nullptr));
-    }
-    const uint32_t again = SessionUtils::GetUniqueSid(1, &places[0]);
-    EXPECT_NE(again, first);
-    EXPECT_TRUE(SessionUtils::RemoveUniqueSid(again));
 }
 
 }  // namespace

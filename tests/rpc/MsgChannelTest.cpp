@@ -359,8 +359,24 @@ TEST_F(MsgChannel, AnOpeningTakesAnyTrueResult) {
     without.OpenMsgChannel = nullptr;
     manager->SetServerInterface(without);
     log.Clear();
-    EXPECT_EQ(instance->OpenMsgChannel("name"), nullptr);
+    // As often as there are handles: none is left behind.
+    for (int time = 0; time < 4096; ++time) EXPECT_EQ(instance->OpenMsgChannel("name"), nullptr);
     EXPECT_EQ(Said(), Texts{});
+    manager->SetServerInterface(table);
+    result = TRUE;
+    EXPECT_TRUE(instance->CloseMsgChannel(Open()));
+}
+
+// A map without room gives no handle, and whoever has one keeps it.
+TEST_F(MsgChannel, WithoutAHandleNoneIsOpened) {
+    std::vector<void*> handles;
+    while (void* const handle = instance->OpenMsgChannel("name")) handles.push_back(handle);
+    EXPECT_EQ(handles.size(), 4096u);
+    EXPECT_EQ(context, nullptr);
+    EXPECT_EQ(FireOpened(), FALSE);
+    EXPECT_TRUE(instance->CloseMsgChannel(handles.front()));
+    handles.front() = Open();
+    for (void* const handle : handles) EXPECT_TRUE(instance->CloseMsgChannel(handle));
 }
 
 TEST_F(MsgChannel, InfoIsOfAPeerOfOneOfItsOwnOrOfAnyOtherId) {

@@ -269,15 +269,10 @@ TEST_F(ServerModes, WhatIsRefusedBeforeTheServiceIsAskedLeavesItAlone) {
     };
     const auto multi = [](RPCManager& m, RPCPluginInstance*) { return m.MultiServerInit(77); };
     const Case cases[] = {
-        {"Running as server not allowed.\n", RefCountOn, false, multi},
         {"Running as server not allowed.\n", RefCountOff, false, multi},
-        {"Running as server not allowed.\n", RefCountOn, false,
-         [](RPCManager& m, RPCPluginInstance*) { return m.ServerInit(nullptr, 0, false); }},
         {"Reference counting must be enabled in multi-server mode\n", RefCountOff, true, multi},
         {"rpcPlugin == NULL\n", RefCountOn, true,
          [](RPCManager& m, RPCPluginInstance*) { return m.ServerInit(nullptr, 0, false); }},
-        {"rpcPlugin == NULL\n", RefCountOff, true,
-         [](RPCManager& m, RPCPluginInstance*) { return m.ServerInitForSession(77, nullptr, 1); }},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.error);
@@ -415,11 +410,11 @@ TEST_F(ServerModes, AFailureAfterTheExportIsUndoneThere) {
             log.Clear();
             EXPECT_FALSE(manager->ServerExit(instance.Get()));
             EXPECT_EQ(Errors(), Names{"Not initialized\n"});
+            instance = nullptr;
+            EXPECT_FALSE(link.Lock()) << "the manager keeps no instance";
             EXPECT_TRUE(manager->MultiServerExit(77, nullptr));
             EXPECT_EQ(Errors(), Names{"Not initialized\n"});
             EXPECT_EQ(TakeCalls(), Names{"OnServerExit"});
-            instance = nullptr;
-            EXPECT_FALSE(link.Lock()) << "the manager keeps no instance";
 
             // Another try works.
             givesTables = manager->tcpResult = manager->virtualResult = true;
@@ -491,19 +486,6 @@ TEST_F(ServerModes, AnExitWithoutItsExportFails) {
         EXPECT_FALSE(manager->ServerExitForSession(c.exited, instance.Get(), false));
         EXPECT_EQ(Errors(), (Names{kSinkGone, c.error}));
         EXPECT_FALSE(manager->IsInitialized());
-    }
-    for (const char* library : {"stub_lp_only", "stub_none"}) {
-        SCOPED_TRACE(library);
-        Use(library);
-        const RCPtr<ServerManager> manager = Manager();
-        const RCPtr<HookInstance> instance = Instance(manager);
-        log.Clear();
-        EXPECT_FALSE(manager->ServerInitForSession(kNoSession, instance.Get(), 0));
-        EXPECT_FALSE(manager->ServerInit(instance.Get(), 0, true)) << "has a session";
-        EXPECT_FALSE(manager->MultiServerInit(kNoSession));
-        EXPECT_EQ(Errors(),
-                  (Names{"QSCService_ServerInit() not available\n", "QSCService_ServerInit2() not available\n",
-                         "QSCService_MultiServerInit() not available\n"}));
     }
 }
 

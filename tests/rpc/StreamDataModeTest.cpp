@@ -1,7 +1,9 @@
 // What an instance does with a channel that has turned into a descriptor.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "tests/rpc/ChannelService.h"
 
@@ -28,6 +30,38 @@ protected:
     int fd = -1;
     inline static StreamDataMode* current = nullptr;
 };
+
+TEST_F(StreamDataMode, RefusesWhatNeedsTheChannel) {
+    Answer(77);
+    Start();
+    EXPECT_EQ(instance->SwitchToStreamDataMode(), 77);
+    EXPECT_TRUE(log.Has(kLogInfo, "Switch to StreamData mode Succeeded fd=77!\n"));
+    service.TakeCalls();
+    RPCPluginInstance& i = *instance;
+    char name[] = "name";
+    void* hObject = nullptr;
+    const QSCRPC_ObjectNotifySink sink{};
+    const std::pair<const char*, std::function<int()>> operations[] = {
+        {"RegisterChannelSink", [&] { return i.RegisterChannelSink(nullptr); }},
+        {"UnregisterChannelSink", [&] { return i.UnregisterChannelSink(); }},
+        {"ChannelConnect", [&] { return i.ChannelConnect(); }},
+        {"ChannelDisconnect", [&] { return i.ChannelDisconnect(); }},
+        {"ChannelObjCreate", [&] { return i.ChannelObjCreate(name, &sink, false, false, &hObject); }},
+        {"ChannelObjDestroy", [&] { return i.ChannelObjDestroy(name, &hObject); }},
+        {"ChannelControlObjCreate", [&] { return i.ChannelControlObjCreate(name); }},
+        {"ChannelDataObjCreate", [&] { return i.ChannelDataObjCreate(name); }},
+        {"InvokeMessage", [&] { return i.InvokeMessage(nullptr, FALSE, RPCChannelType::Data); }},
+        {"WaitUntilReady", [&] { return i.WaitUntilReady(0); }},
+        {"WaitUntilReadyOrRejected", [&] { return i.WaitUntilReadyOrRejected(0); }},
+        {"WaitForPendingMessages", [&] { return i.WaitForPendingMessages(0); }},
+    };
+    for (const auto& [operation, call] : operations) {
+        log.Clear();
+        EXPECT_EQ(call(), 0) << operation;
+        EXPECT_EQ(Errors(), Names{std::string(operation) + " is not supported in streamData mode\n"});
+    }
+    EXPECT_EQ(service.TakeCalls(), Names{}) << "the service hears of none of them";
+}
 
 TEST_F(StreamDataMode, AFailedSwitchChangesNothing) {
     for (const bool missing : {true, false}) {

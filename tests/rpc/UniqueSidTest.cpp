@@ -1,4 +1,4 @@
-// Unique session ids under several threads.
+// Unique session ids.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +10,30 @@
 #include "rpc/SessionUtils.h"
 
 namespace {
+
+TEST(UniqueSid, APairKeepsItsIdUntilItIsRemoved) {
+    int places[2];
+    const uint32_t first = SessionUtils::GetUniqueSid(1, &places[0]);
+    EXPECT_NE(first, 0u);
+    EXPECT_EQ(SessionUtils::GetUniqueSid(1, &places[0]), first);
+    const uint32_t others[] = {SessionUtils::GetUniqueSid(2, &places[0]), SessionUtils::GetUniqueSid(1, &places[1])};
+    EXPECT_NE(others[0], first);
+    EXPECT_NE(others[1], first);
+    EXPECT_NE(others[0], others[1]);
+    uint32_t number = 0;
+    void* pointer = nullptr;
+    EXPECT_TRUE(SessionUtils::FindUniqueSid(others[1], &number, &pointer));
+    EXPECT_EQ(number, 1u);
+    EXPECT_EQ(pointer, &places[1]);
+    for (const uint32_t sid : {first, others[0], others[1]}) {
+        EXPECT_TRUE(SessionUtils::RemoveUniqueSid(sid));
+        EXPECT_FALSE(SessionUtils::RemoveUniqueSid(sid));
+        EXPECT_FALSE(SessionUtils::FindUniqueSid(sid, nullptr, nullptr));
+    }
+    const uint32_t again = SessionUtils::GetUniqueSid(1, &places[0]);
+    EXPECT_NE(again, first);
+    EXPECT_TRUE(SessionUtils::RemoveUniqueSid(again));
+}
 
 TEST(UniqueSid, ThreadsGetOneIdForAPairAndDifferentOnesForOthers) {
     constexpr uint32_t kThreads = 4, kPairs = 200;

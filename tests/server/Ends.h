@@ -66,7 +66,7 @@ public:
     Server() : RPCManager("Server", "UsbRedirControlObj", "UsbRedirDataObj", "UsbRedirDataObjTcp", RefCountOn) {}
 
     bool ConfigureTcpSideChannel() override {
-        SetServerInterface(supplyTable ? qscservice::kServerTable : QSCService_ServerInterface{});
+        SetServerInterface(qscservice::kServerTable);
         m_tcpSideChannel = wantTcp;
         if (onBound) onBound();
         return true;
@@ -108,7 +108,7 @@ public:
     Events events;
     std::atomic<int> connections{0};
     std::atomic<int> awaitedOfNext{-1};
-    bool wantTcp = false, wantVirtual = false, supplyTable = true;
+    bool wantTcp = false, wantVirtual = false;
     bool keepLatest = false;        // for TakeLatest
     std::function<void()> onBound;  // the service is there, and the server's address
 

@@ -1,4 +1,5 @@
-// Starts that fail, each at its step with its line, undone as far as they came, and followed by one that works.
+// Starts on the service's own library: those that fail are undone there as far as they came, and followed by one that
+// works.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -17,16 +18,11 @@ using namespace qscservice;
 constexpr uint32_t kWaitMS = 20000;
 const std::string kUndone = "QSCService_ServerExit() [OK]\n";
 
-// A server whose hooks can refuse.
-class RefusingServer : public Server {
+// Notes the hooks of its start and its exit.
+class HookedServer : public Server {
 public:
-    bool IsServerAllowed() override { return allowed; }
-    bool ConfigureTcpSideChannel() override { return Server::ConfigureTcpSideChannel() && tcpResult; }
-    bool ConfigureVirtualSideChannel() override { return Server::ConfigureVirtualSideChannel() && virtualResult; }
     void OnServerInit() override { events.Add("OnServerInit"); }
     void OnServerExit() override { events.Add("OnServerExit"); }
-
-    bool allowed = true, tcpResult = true, virtualResult = true;
 };
 
 class ServerStart : public testing::Test {
@@ -65,40 +61,35 @@ protected:
     Events events;
 };
 
-TEST_F(ServerStart, FailsAtEachStepWithItsLineAndWorksAfterwards) {
+TEST_F(ServerStart, LeavesNothingInTheServiceWhenItFails) {
     struct Case {
         const char* name;
-        std::function<void(RefusingServer&)> prepare;
+        std::function<void(HookedServer&)> prepare;
         bool multi;
-        bool undone;  // the service's own start had succeeded
+        bool undone;  // the service's own start has succeeded
         Texts errors;
     };
-    const auto without = [](Table table) { return [table](RefusingServer&) { OfferTable(table, {}); }; };
+    const auto without = [](Table table) { return [table](HookedServer&) { OfferTable(table, {}); }; };
     const auto failing = [this](Op op) {
-        return [this, op](RefusingServer&) {
+        return [this, op](HookedServer&) {
             script.Fail(op, 1);
             CallScript::Activate(&script);
         };
     };
-    const auto noSideChannels = [](RefusingServer& server) {
+    const auto noSideChannels = [](HookedServer& server) {
         ServerOptions options{.address = "unix:"};
         options.channel.sideChannels = 0;
         SetServerOptions(options);
         server.wantTcp = true;
     };
     const Case cases[] = {
-        {"not allowed",
-         [](RefusingServer& s) { s.allowed = false; },
-         false,
-         false,
-         {"Running as server not allowed.\n"}},
         {"the single export fails",
-         [](RefusingServer&) { SetServerOptions({.address = "nowhere"}); },
+         [](HookedServer&) { SetServerOptions({.address = "nowhere"}); },
          false,
          false,
          {"QSCService_ServerInit2() failed\n"}},
         {"the multi export fails",
-         [](RefusingServer&) { SetServerOptions({.address = "nowhere"}); },
+         [](HookedServer&) { SetServerOptions({.address = "nowhere"}); },
          true,
          false,
          {"QSCService_MultiServerInit() failed\n"}},
@@ -107,26 +98,7 @@ TEST_F(ServerStart, FailsAtEachStepWithItsLineAndWorksAfterwards) {
          true,
          true,
          {"Failed to get QSCRPC_ChannelObjectInterface\n", "Init() failed\n"}},
-        {"tcp can't be configured",
-         [](RefusingServer& s) { s.tcpResult = false; },
-         false,
-         true,
-         {"Error in configuring TcpSide Channel.\n"}},
-        {"virtual can't be configured",
-         [](RefusingServer& s) { s.virtualResult = false; },
-         true,
-         true,
-         {"Error in configuring Virtual Side Channel.\n"}},
         {"tcp is unavailable", noSideChannels, false, true, {"TCP requested but unavailable\n"}},
-        {"virtual is unavailable",
-         [&](RefusingServer& s) {
-             noSideChannels(s);
-             s.wantTcp = false;
-             s.wantVirtual = true;
-         },
-         false,
-         true,
-         {"Virtual side channel requested but unavailable\n"}},
         {"the channel sink is refused",
          failing(Op::RegisterChannelNotifySink),
          false,
@@ -137,16 +109,11 @@ TEST_F(ServerStart, FailsAtEachStepWithItsLineAndWorksAfterwards) {
          true,
          true,
          {"RegisterServerNotifySink() failed.\n"}},
-        {"there is no server table",
-         [](RefusingServer& s) { s.supplyTable = false; },
-         true,
-         true,
-         {"ServerInterface is needed for MultiServer mode.\n"}},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         LogCapture log(kLogInfo);
-        const RCPtr<RefusingServer> server(new RefusingServer);
+        const RCPtr<HookedServer> server(new HookedServer);
         c.prepare(*server);
         EXPECT_FALSE(c.multi ? StartMulti(*server) : StartSingle(*server));
         EXPECT_EQ(log.Texts(kLogError), c.errors);
@@ -157,39 +124,17 @@ TEST_F(ServerStart, FailsAtEachStepWithItsLineAndWorksAfterwards) {
         EXPECT_EQ(log.Count(kUndone), c.undone ? 1u : 0u);
 
         Restore();
-        server->allowed = server->tcpResult = server->virtualResult = server->supplyTable = true;
-        server->wantTcp = server->wantVirtual = false;
+        server->wantTcp = false;
         log.Clear();
         EXPECT_TRUE(c.multi ? StartMulti(*server) : StartSingle(*server));
         EXPECT_EQ(log.Texts(kLogError), c.multi ? Texts{} : Texts{"Channel.v1.UnregisterChannelNotifySink() [OK]\n"});
     }
 }
 
-TEST_F(ServerStart, WithoutCountingTheServiceIsNotEvenLoaded) {
-    class Uncounted : public RPCManager {
-    public:
-        Uncounted() : RPCManager("Uncounted", "c", "d", "t", RefCountOff) {}
-    };
-    LogCapture log(kLogInfo);
-    Uncounted manager;
-    EXPECT_FALSE(manager.MultiServerInit(5));
-    EXPECT_EQ(log.Texts(kLogError), Texts{"Reference counting must be enabled in multi-server mode\n"});
-    EXPECT_EQ(log.Count("Load qscservice from libqscservice.so \n"), 0u);
-    for (bool (RPCManager::*operation)(QscServerID) :
-         {&RPCManager::StartServer, &RPCManager::StopServer, &RPCManager::StopAllServers}) {
-        log.Clear();
-        EXPECT_FALSE((manager.*operation)(nullptr));
-        EXPECT_EQ(log.Texts(kLogError), Texts{"Must called from multi-server mode.\n"});
-    }
-    EXPECT_FALSE(manager.ServerInit(nullptr, 0, false));
-    EXPECT_FALSE(manager.ServerExit(nullptr));
-    EXPECT_TRUE(log.Has(kLogError, "Not initialized\n"));
-}
-
 // The channel goes down again before it has come up: a refusal, to whoever waits.
 TEST_F(ServerStart, ARefusedChannelEndsTheWait) {
     LogCapture log(kLogInfo);
-    const RCPtr<RefusingServer> server(new RefusingServer);
+    const RCPtr<HookedServer> server(new HookedServer);
     const auto client = ServiceChannel::Create();
     std::thread refusing;
     server->onBound = [&] {
@@ -211,7 +156,7 @@ TEST_F(ServerStart, ARefusedChannelEndsTheWait) {
 
 TEST_F(ServerStart, StartsAndExitsCanRepeat) {
     LogCapture log(kLogInfo);
-    const RCPtr<RefusingServer> server(new RefusingServer);
+    const RCPtr<HookedServer> server(new HookedServer);
     ASSERT_TRUE(StartMulti(*server));
     ASSERT_TRUE(StartSingle(*server));
     const Resources before;
