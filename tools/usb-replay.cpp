@@ -101,7 +101,7 @@ int Replay(const ReplayOptions& options, const std::vector<std::string>& argumen
         return Complain(error, kExitBadInput);
 
     InstallSignals();
-    if (!options.agentControl.empty()) return RunReplayClient(options, std::move(captures), gStopRequested);
+    if (options.asClient) return RunReplayClient(options, std::move(captures), gStopRequested);
     ReplayReport report;
     const bool ran = options.clients > 0 ? ReplayInClients(options, arguments, captures, &report, &error)
                                          : ReplayHere(options, std::move(captures), &report, &error);

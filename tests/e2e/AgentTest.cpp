@@ -11,6 +11,7 @@
 #include <string>
 
 #include "standin/qscservice/ServiceEnd.h"
+#include "tests/e2e/Account.h"
 #include "tests/e2e/Program.h"
 
 namespace {
@@ -139,6 +140,27 @@ TEST(AgentProgram, AnswersEachConnectionOfItsControlSocket) {
     kill(agent.Pid(), SIGTERM);
     EXPECT_EQ(agent.Finish().status, 0);
     EXPECT_NE(access(path.c_str(), F_OK), 0);
+}
+
+// A replay against an agent that runs already leaves it running.
+TEST(AgentProgram, OutlivesTheReplaysThatComeToIt) {
+    const std::string path = std::string(std::getenv("TMPDIR")) + "/control";
+    Program agent("usb-agent", {"--listen", "tcp:127.0.0.1:0", "--side-channel", "virtual", "--control-at", path});
+    const std::string address = AddressOf(agent);
+    ControlClient control(path);
+    uint64_t received = 0;
+    for (const std::vector<std::string>& more : {std::vector<std::string>{}, {"--clients", "3"}, {"--threads", "2"}}) {
+        std::vector<std::string> args = {"--json", "--agent", address, "--agent-control", path};
+        args.insert(args.end(), more.begin(), more.end());
+        const ProgramResult result = RunProgram("usb-replay", args);
+        EXPECT_EQ(result.status, 0) << result.err;
+        ExpectSoundAccount(result.Json());
+        received += Messages(result.Json()["agent"]);
+        ASSERT_TRUE(control.Write("counts\n"));
+        EXPECT_EQ(Messages(json::parse(control.ReadLine())["received"]), received);
+    }
+    kill(agent.Pid(), SIGTERM);
+    EXPECT_EQ(agent.Finish().status, 0);
 }
 
 // One that asks and never reads is dropped, and doesn't keep the others waiting.

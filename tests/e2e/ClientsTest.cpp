@@ -221,7 +221,7 @@ TEST(ClientsReplay, FindsWhatTheAgentDidForAnyoneElse) {
     const std::vector<pid_t> clients = program.WaitForBusyChildren("usb-replay", kClients);
     ASSERT_EQ(clients.size(), kClients);
     const Args args = ArgumentsOf(clients[0]);
-    const auto option = std::find(args.begin(), args.end(), "--agent-address");
+    const auto option = std::find(args.begin(), args.end(), "--agent");
     ASSERT_LT(option + 1, args.end());
     std::atomic<int> heard{0};
     {

@@ -50,6 +50,7 @@ TEST(Options, RefusesWhatItCannotUseWithALineThatNamesIt) {
              {{"--side-channel", "usb"}, "--side-channel takes tcp or virtual, not \"usb\""},
              {{"--log-config="}, "--log-config takes a file name, not \"\""},
              {{"--transport", "pipe"}, "--transport takes unix or tcp, not \"pipe\""},
+             {{"--agent", "unix:/a"}, "--agent and --agent-control need each other"},
              {{"--json=1"}, "--json takes no value"},
              {{""}, "an empty file name"},
          }) {

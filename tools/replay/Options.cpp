@@ -81,8 +81,9 @@ const std::vector<OptionRule>& Rules() {
         {"--agent-mode", true, SetAgentMode},
         {"--side-channel", true, SetSideChannel},
         {"--log-config", true, Text(&ReplayOptions::logConfig, "a file name")},
-        {"--agent-address", true, Text(&ReplayOptions::agentAddress, "an address")},
+        {"--agent", true, Text(&ReplayOptions::agentAddress, "an address")},
         {"--agent-control", true, Text(&ReplayOptions::agentControl, "a path")},
+        {"--as-client", false, Flag(&ReplayOptions::asClient)},
     };
     return rules;
 }
@@ -122,6 +123,8 @@ std::variant<ReplayOptions, std::string> ParseOptions(const std::vector<std::str
         if (const auto wanted = rule->set(options, value))
             return name + " takes " + *wanted + ", not \"" + std::string(value) + "\"";
     }
+    if (options.agentAddress.empty() != options.agentControl.empty())
+        return std::string("--agent and --agent-control need each other");
     return options;
 }
 
@@ -141,11 +144,14 @@ const char* ReplayUsage() {
            "  --loop N             replay everything N times (1)\n"
            "  --threads N          send from N daemon threads (1)\n"
            "  --clients N          replay in N client processes at once (1 to 64) and report on all of them together\n"
+           "  --transport KIND     unix or tcp (unix)\n"
            "  --agent-mode MODE    multi: one agent serves all clients (multi); single: an agent serves one client at\n"
            "                       a time, so each client gets an agent of its own\n"
            "  --side-channel TYPE  move the data objects to a side channel of the agent's, tcp or virtual\n"
+           "  --agent ADDRESS      replay against a usb-agent that listens there already, with the control socket "
+           "that\n"
+           "  --agent-control PATH it has been told with --control-at; the three options above are the agent's then\n"
            "  --timed              keep the gaps between the records as recorded\n"
-           "  --transport KIND     unix or tcp (unix)\n"
            "  --interrupt-every N  take the channel down and up again after each N messages\n"
            "  --start-by-client    let the embedding client start the daemon\n"
            "  --log-config FILE    write a log of usb-replay's own, with the settings in FILE\n"

@@ -25,10 +25,10 @@ struct ReplayOptions {
     bool help = false;
     bool version = false;
 
-    // Of a client that was started by another usb-replay: where the agent listens, and its control socket. Empty in any
-    // other case.
+    // An agent that runs already: where it listens, and its control socket. Both are empty where one is started.
     std::string agentAddress;
     std::string agentControl;
+    bool asClient = false;  // this process is a client of another usb-replay, and talks with that on standard output
 };
 
 // Reads the arguments after the program name. A value stands in the next argument or behind '='; "--" ends the options;

@@ -43,6 +43,7 @@ bool ReplayClients::Run(ReplayReport* report, std::string* error) {
 }
 
 bool ReplayClients::StartAgents(std::string* error) {
+    if (!options.agentAddress.empty()) return true;  // one runs, and is nobody's to end
     folder = std::filesystem::temp_directory_path() / "usb-replay-XXXXXX";
     if (!mkdtemp(folder.data())) {
         *error = "cannot make the folder " + folder + ": " + strerror(errno);
@@ -51,16 +52,14 @@ bool ReplayClients::StartAgents(std::string* error) {
     }
     const size_t count = options.agentMode == AgentMode::Single ? options.clients : 1;
     while (agents.size() < count) {
+        const std::string control = folder + "/" + std::to_string(agents.size());
         std::vector<std::string> agentArguments = AgentArguments(options);
-        agentArguments.insert(agentArguments.end(), {"--control-at", ControlPath(agents.size())});
+        agentArguments.insert(agentArguments.end(), {"--control-at", control});
         agents.push_back(AgentProcess::Start(AgentPath(), agentArguments, error));
         if (!agents.back()) return false;
+        places.push_back({"--agent", agents.back()->Address(), "--agent-control", control});
     }
     return true;
-}
-
-std::string ReplayClients::ControlPath(size_t agent) const {
-    return folder + "/" + std::to_string(agent);
 }
 
 // The options of a client stand ahead of those of the replay, among which "--" may be. A stop that comes before it can
@@ -70,9 +69,11 @@ bool ReplayClients::StartClients(std::string* error) {
     sigemptyset(&mask);
     sigaddset(&mask, kStopSignal);
     while (clients.size() < options.clients) {
-        const size_t agent = clients.size() % agents.size();
-        std::vector<std::string> own = {"--agent-address", agents[agent]->Address(), "--agent-control",
-                                        ControlPath(agent)};
+        std::vector<std::string> own = {"--as-client"};
+        if (!places.empty()) {
+            const std::vector<std::string>& place = places[clients.size() % places.size()];
+            own.insert(own.end(), place.begin(), place.end());
+        }
         own.insert(own.end(), arguments.begin(), arguments.end());
         clients.emplace_back().process = ChildProcess::Start(ProgramPath(), own, mask, error);
         if (!clients.back().process) return false;

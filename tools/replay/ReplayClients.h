@@ -52,7 +52,6 @@ private:
 
     bool StartAgents(std::string* error);
     bool StartClients(std::string* error);
-    std::string ControlPath(size_t agent) const;
     void Watch();
     bool Listen();
     static void Hear(Client& client, const std::string& line);
@@ -68,5 +67,6 @@ private:
 
     std::string folder;                                 // of the agents' control sockets; empty when it is not there
     std::vector<std::unique_ptr<AgentProcess>> agents;  // client i has the agent i modulo their number
+    std::vector<std::vector<std::string>> places;       // arguments that tell a client of its agent, one for each agent
     std::vector<Client> clients;
 };
