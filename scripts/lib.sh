@@ -26,14 +26,19 @@ CLANG_PACKAGES=(clang clang-tidy clang-format libclang-rt-14-dev)
 BENCH_PACKAGES=(libbenchmark-dev libwinpr2-dev libusbredirparser-dev libspdlog-dev libgoogle-glog-dev libuv1-dev python3)
 CROSS_PACKAGES=(g++-arm-linux-gnueabihf qemu-user dpkg-dev bison flex make)
 
-# build PRESET [TARGET...]: configures when needed and builds.
-build() {
+configure() {
     local preset=$1
-    shift
     [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" >"build-$preset.log" 2>&1 || {
         cat "build-$preset.log" >&2
         return 1
     }
     rm -f "build-$preset.log"
+}
+
+# build PRESET [TARGET...]: configures when needed and builds.
+build() {
+    local preset=$1
+    shift
+    configure "$preset"
     ninja -C "build/$preset" "$@"
 }

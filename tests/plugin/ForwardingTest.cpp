@@ -7,7 +7,6 @@
 namespace {
 
 using qscservice::Op;
-using qscservice::ScriptedService;
 using qscservice::Value;
 
 std::vector<uint8_t> Bytes(const std::string& text) {
