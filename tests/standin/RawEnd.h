@@ -1,14 +1,16 @@
-// A peer of raw frames.
+// Peers of raw frames, and real ends that have such a peer.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
 #include <cstring>
+#include <memory>
 #include <span>
 #include <vector>
 
 #include "standin/qscservice/ServiceChannel.h"
+#include "tests/standin/ChannelEnd.h"
 
 class RawEnd {
 public:
@@ -21,6 +23,10 @@ public:
         std::memcpy(&header, frame.data(), sizeof header);
         header.sequence = ++m_sequence;
         std::memcpy(frame.data(), &header, sizeof header);
+        SendAsItIs(frame);
+    }
+
+    void SendAsItIs(const Bytes& frame) const {
         ASSERT_EQ(send(m_socket.Get(), frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
     }
 
@@ -53,9 +59,72 @@ public:
         }
     }
 
+    void Swallow(size_t count) const {
+        Bytes bytes(count);
+        ASSERT_EQ(recv(m_socket.Get(), bytes.data(), count, MSG_WAITALL), static_cast<ssize_t>(count));
+    }
+
+    // Reads until the other end hangs up.
+    void AwaitEnd() const {
+        char bytes[4096];
+        while (recv(m_socket.Get(), bytes, sizeof bytes, 0) > 0) {
+        }
+    }
+
 private:
     qscservice::Fd m_socket;
     uint32_t m_sequence = 0;
     Bytes m_bytes;
     size_t m_used = 0;
+};
+
+// With the channel open.
+class ServerOfRawClient {
+public:
+    explicit ServerOfRawClient(const qscservice::ChannelOptions& options = ServerOptions()) : server(options) {
+        std::string error;
+        EXPECT_TRUE(server.channel->Listen("unix:", &error)) << error;
+        Dial();
+    }
+
+    void Dial() {
+        using namespace qscservice;
+        std::string error;
+        client = std::make_unique<RawEnd>(ConnectSocket(server.channel->Address(), &error));
+        client->SayHello(Role::Client);
+        client->Send(MakeFrame(FrameType::Open, {Value(1u)}));
+        server.TakeUntil("channel 2");
+    }
+
+    void ConnectObject() {
+        using namespace qscservice;
+        hObject = server.Create("object");
+        client->Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
+        server.TakeUntil("object state");
+    }
+
+    ChannelEnd server;
+    std::unique_ptr<RawEnd> client;
+    void* hObject = nullptr;
+};
+
+// With the channel open.
+class ClientOfRawServer {
+public:
+    explicit ClientOfRawServer(const qscservice::ChannelOptions& options = {}) : client(options) {
+        using namespace qscservice;
+        std::string error;
+        listener = Listener::Open("unix:", &error);
+        EXPECT_TRUE(listener) << error;
+        EXPECT_TRUE(client.channel->Dial(listener->Address(), &error)) << error;
+        server = std::make_unique<RawEnd>(listener->Accept(&error));
+        server->SayHello(Role::Server);
+        server->Await(FrameType::Open);
+        server->Send(MakeFrame(FrameType::Accept, {Value(1u), Value(int32_t{0})}));
+        client.TakeUntil("channel 2");
+    }
+
+    ChannelEnd client;
+    std::shared_ptr<qscservice::Listener> listener;
+    std::unique_ptr<RawEnd> server;
 };

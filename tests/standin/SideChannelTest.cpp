@@ -25,14 +25,9 @@ using Bytes = RawEnd::Bytes;
 
 constexpr uint32_t kShortLimitMS = 100;
 
-ChannelOptions WithLimit(ChannelOptions options, uint32_t limitMS = kShortLimitMS) {
-    options.meetLimitMS = limitMS;
-    return options;
-}
-
 // Takes lines until the object has told of its state for so many times.
 void AwaitStates(ChannelEnd& end, int count) {
-    for (int i = 0; i < count; ++i) end.journal.TakeUntil("object state");
+    for (int i = 0; i < count; ++i) end.TakeUntil("object state");
 }
 
 // What is sent to an object that is gone is still received.
@@ -41,6 +36,10 @@ void AwaitReceived(const ChannelEnd& end, uint64_t count) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLongMS);
     while (received() < count && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
     EXPECT_EQ(received(), count);
+}
+
+void Request(void* hObject, uint32_t type) {
+    ASSERT_TRUE(ServiceChannel::RequestSideChannel(hObject, type));
 }
 
 // Threads that send numbered messages on an object until they are stopped; the command tells thread and number.
@@ -56,7 +55,7 @@ public:
                     if (end.Send(hObject, i << 24 | n, n % 7 * 1500, post) == 0) continue;
                     ++accepted;
                     if (!post) ++requests;
-                    sent[i] = ++n;
+                    ++n;
                 }
             });
         }
@@ -70,7 +69,6 @@ public:
     }
 
     std::atomic<uint64_t> accepted{0}, requests{0};
-    std::array<std::atomic<uint32_t>, kThreads> sent{};
 
 private:
     std::atomic<bool> m_stop{false};
@@ -89,8 +87,9 @@ public:
         };
     }
 
-    void Await(uint64_t count) const {
-        while (heard < count) std::this_thread::yield();
+    void AwaitMore(uint64_t count) const {
+        const uint64_t goal = heard + count;
+        while (heard < goal) std::this_thread::yield();
     }
 
     std::atomic<uint64_t> heard{0}, outOfOrder{0};
@@ -99,43 +98,32 @@ private:
     std::array<uint32_t, Load::kThreads> m_next{};
 };
 
-class SideChannelPair : public ChannelPair {
-public:
-    explicit SideChannelPair(const ChannelOptions& client = {}, const ChannelOptions& server = ServerOptions())
-        : ChannelPair(client, server) {}
+class SideChannelTest : public ChannelPair {
+protected:
+    using ChannelPair::ChannelPair;
 
-    void OpenAt(const std::string& address) {
-        std::string error;
-        ASSERT_TRUE(server.channel->Listen(address, &error)) << error;
-        ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
-        AwaitOpen();
+    void ExpectStates(QSCRPC_ObjectState state) {
+        for (void* hObject : {atClient, atServer}) EXPECT_EQ(ServiceChannel::ObjectState(hObject), state);
+    }
+
+    void AwaitSwitch() {
+        AwaitStates(client, 2);
+        AwaitStates(server, 2);
+        ExpectStates(QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
     }
 
     void MoveTo(uint32_t type, bool byServer = false) {
-        ASSERT_TRUE(ServiceChannel::RequestSideChannel(byServer ? atServer : atClient, type));
-        AwaitStates(client, 2);
-        AwaitStates(server, 2);
-        for (void* hObject : {atClient, atServer}) {
-            ASSERT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
-        }
+        Request(byServer ? atServer : atClient, type);
+        AwaitSwitch();
     }
 
-    // With both ends' counts of one direction: nothing is lost and nothing is missing in the account.
+    // The account of one direction: nothing is lost and nothing is missing.
     static void ExpectAccount(const ChannelEnd& from, const ChannelEnd& to) {
         const CommandCount sent = from.Total();
         const CommandCount received = to.Total();
         EXPECT_EQ(sent.accepted, sent.confirmed + sent.cut);
         EXPECT_EQ(sent.confirmed, received.delivered + received.undeliverable);
     }
-};
-
-class SideChannelTest : public SideChannelPair {};
-
-// For tests that need more than one pair.
-struct Ends : SideChannelPair {
-    using ChannelPair::client, ChannelPair::server, ChannelPair::atClient, ChannelPair::atServer;
-    using SideChannelPair::SideChannelPair, ChannelPair::ConnectObject;
-    void TestBody() override {}
 };
 
 TEST(SideChannelSwitch, KeepsTheOrderOfWhatBothEndsSendMeanwhile) {
@@ -146,16 +134,14 @@ TEST(SideChannelSwitch, KeepsTheOrderOfWhatBothEndsSendMeanwhile) {
         int family;
     };
     for (const Case& c : {Case{"unix:", QSC_SIDE_CHANNEL_TCP, false, AF_INET},
-                          {"unix:", QSC_SIDE_CHANNEL_VIRTUAL, false, AF_UNIX},
                           {"unix:", QSC_SIDE_CHANNEL_SURGE, true, AF_UNIX},
                           {"tcp:", QSC_SIDE_CHANNEL_TCP, true, AF_INET},
-                          {"tcp:", QSC_SIDE_CHANNEL_VIRTUAL, true, AF_UNIX},
-                          {"tcp:", QSC_SIDE_CHANNEL_QVC_RAW, false, AF_UNIX}}) {
+                          {"tcp:", QSC_SIDE_CHANNEL_VIRTUAL, false, AF_UNIX}}) {
         SCOPED_TRACE(std::string(c.main) + " type " + std::to_string(c.type) + (c.byServer ? " server" : " client"));
         const Resources atStart;
         {
-            Ends ends;
-            ends.OpenAt(c.main);
+            ChannelEnds ends;
+            ends.Open(c.main);
             ends.ConnectObject();
             const Resources before;
             const auto sockets = ConnectedSockets(c.family);
@@ -165,22 +151,21 @@ TEST(SideChannelSwitch, KeepsTheOrderOfWhatBothEndsSendMeanwhile) {
             std::atomic<void*> hServer{ends.atServer};
             Load up(ends.client, hClient);
             Load down(ends.server, hServer);
-            atServer.Await(100);
-            atClient.Await(100);
-            ASSERT_TRUE(ServiceChannel::RequestSideChannel(c.byServer ? hServer : hClient, c.type));
+            atServer.AwaitMore(100);
+            atClient.AwaitMore(100);
+            Request(c.byServer ? hServer : hClient, c.type);
             AwaitStates(ends.client, 2);
             AwaitStates(ends.server, 2);
             EXPECT_EQ(NewSockets(c.family, sockets).size(), 2u);
-            atServer.Await(atServer.heard + 500);
-            atClient.Await(atClient.heard + 500);
+            atServer.AwaitMore(500);
+            atClient.AwaitMore(500);
             up.Stop();
             down.Stop();
             // Whatever was accepted is heard before the object goes.
-            const bool serverFirst = c.byServer;
-            EXPECT_TRUE(ServiceChannel::DestroyObject(serverFirst ? ends.atServer : ends.atClient));
-            AwaitStates(serverFirst ? ends.client : ends.server, 1);
-            EXPECT_EQ((serverFirst ? atClient : atServer).heard, (serverFirst ? down : up).accepted);
-            EXPECT_TRUE(ServiceChannel::DestroyObject(serverFirst ? ends.atClient : ends.atServer));
+            EXPECT_TRUE(ServiceChannel::DestroyObject(c.byServer ? ends.atServer : ends.atClient));
+            AwaitStates(c.byServer ? ends.client : ends.server, 1);
+            EXPECT_EQ((c.byServer ? atClient : atServer).heard, (c.byServer ? down : up).accepted);
+            EXPECT_TRUE(ServiceChannel::DestroyObject(c.byServer ? ends.atClient : ends.atServer));
             EXPECT_EQ(atServer.outOfOrder + atClient.outOfOrder, 0u);
             ExpectBackTo(before);
             EXPECT_EQ(ends.client.Total().accepted, up.accepted);
@@ -200,79 +185,57 @@ TEST_F(SideChannelTest, CarriesRequestsAndLateAnswers) {
     server.onMessage = [&](void* hContext, uint32_t command) {
         if (command != 1) return;
         EXPECT_TRUE(server.channel->Defer(hContext));
+        EXPECT_FALSE(server.channel->Defer(hContext));
         tickets.push_back(hContext);
         server.journal.Add("deferred");
     };
     const std::string before = std::to_string(client.Request(atClient, 1));
-    server.journal.TakeUntil("deferred");
+    server.TakeUntil("deferred");
     MoveTo(QSC_SIDE_CHANNEL_TCP);
     const std::string after = std::to_string(client.Request(atClient, 1));
-    server.journal.TakeUntil("deferred");
+    server.TakeUntil("deferred");
     const std::string prompt = std::to_string(client.Request(atClient, 2));
-    EXPECT_EQ(client.journal.TakeUntil("done " + prompt), Texts{"done " + prompt});
+    EXPECT_EQ(client.TakeUntil("done " + prompt), Texts{"done " + prompt});
     for (void* ticket : tickets) EXPECT_TRUE(server.channel->Respond(ticket, {Value(1u)}));
-    EXPECT_EQ(client.journal.TakeUntil("done " + after), (Texts{"done " + before, "done " + after}));
+    EXPECT_EQ(client.TakeUntil("done " + after), (Texts{"done " + before, "done " + after}));
     EXPECT_EQ(client.channel->OpenRequests(), 0u);
 }
 
-// A post behind an answer that belongs to the same object comes behind it, on the side channel as well.
 TEST_F(SideChannelTest, OtherObjectsStayOnTheChannelsConnection) {
     Open();
     ConnectObject();
-    void* otherAtServer = server.Create("other");
-    client.journal.TakeUntil("peer other");
-    void* otherAtClient = client.Create("other");
-    client.journal.TakeUntil("other state");
-    server.journal.TakeUntil("other state");
+    server.Create("other");
+    client.TakeUntil("peer other");
+    void* other = client.Create("other");
+    client.TakeUntil("other state");
+    server.TakeUntil("other state");
+    const auto sockets = ConnectedSockets(AF_UNIX);
     MoveTo(QSC_SIDE_CHANNEL_VIRTUAL);
-    EXPECT_EQ(ServiceChannel::ObjectState(otherAtClient), QSC_OBJECT_CONNECTED);
-    ASSERT_NE(client.Send(otherAtClient, 1), 0u);
-    server.journal.TakeUntil("other message 1");
-    ASSERT_TRUE(ServiceChannel::RequestSideChannel(otherAtServer, QSC_SIDE_CHANNEL_TCP));
+    EXPECT_EQ(ServiceChannel::ObjectState(other), QSC_OBJECT_CONNECTED);
+    ASSERT_NE(client.Send(other, 1), 0u);
+    server.TakeUntil("other message 1");
+    Request(other, QSC_SIDE_CHANNEL_VIRTUAL);
     for (ChannelEnd* end : {&client, &server}) {
-        end->journal.TakeUntil("other state");
-        end->journal.TakeUntil("other state");
+        end->TakeUntil("other state");
+        end->TakeUntil("other state");
     }
-    ASSERT_NE(client.Send(otherAtClient, 2), 0u);
+    EXPECT_EQ(NewSockets(AF_UNIX, sockets).size(), 4u);
+    ASSERT_NE(client.Send(other, 2), 0u);
     ASSERT_NE(client.Send(atClient, 3), 0u);
     const Texts heard = server.journal.Take(2);
     EXPECT_EQ(std::set<std::string>(heard.begin(), heard.end()),
               (std::set<std::string>{"object message 3", "other message 2"}));
 }
 
-class PolledSideChannelTest : public SideChannelPair {
+class PolledSideChannelTest : public SideChannelTest {
 protected:
-    PolledSideChannelTest() : SideChannelPair({.delivery = Delivery::Polled}) {}
-
-    void PollUntil(const std::string& line) {
-        for (bool heard = false; !heard;) {
-            client.channel->PollWait(kLongMS);
-            const Texts lines = client.journal.Take(0);
-            for (const std::string& text : lines) {
-                heard = heard || text == line;
-                if (text == "object state") states.push_back(ServiceChannel::ObjectState(atClient));
-            }
-        }
-    }
-
-    std::vector<QSCRPC_ObjectState> states;
+    PolledSideChannelTest() : SideChannelTest({.delivery = Delivery::Polled}) {}
 };
 
 TEST_F(PolledSideChannelTest, DeliversOnThePollingThreadAndHoldsUpThePeer) {
-    std::string error;
-    ASSERT_TRUE(server.channel->Listen("tcp:", &error)) << error;
-    ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
-    PollUntil("channel 2");
-    server.journal.TakeUntil("channel 2");
-    atServer = server.Create("object");
-    PollUntil("peer object");
-    atClient = client.Create("object");
-    PollUntil("object state");
-    AwaitStates(server, 1);
-    ASSERT_TRUE(ServiceChannel::RequestSideChannel(atClient, QSC_SIDE_CHANNEL_TCP));
-    while (ServiceChannel::ObjectState(atClient) != QSC_OBJECT_SIDE_CHANNEL_CONNECTED) client.channel->PollWait(100);
-    AwaitStates(server, 2);
-
+    Open("tcp:");
+    ConnectObject();
+    MoveTo(QSC_SIDE_CHANNEL_TCP);
     constexpr uint32_t kMessages = 96;
     std::atomic<uint32_t> sent{0};
     std::thread sender([&] {
@@ -289,16 +252,16 @@ TEST_F(PolledSideChannelTest, DeliversOnThePollingThreadAndHoldsUpThePeer) {
     while (received < kMessages) client.channel->PollWait(kLongMS);
     sender.join();
     EXPECT_TRUE(ServiceChannel::DestroyObject(atServer));
-    while (ServiceChannel::ObjectState(atClient) != QSC_OBJECT_DISCONNECTED) client.channel->PollWait(100);
+    client.TakeUntil("object state");
+    EXPECT_EQ(ServiceChannel::ObjectState(atClient), QSC_OBJECT_DISCONNECTED);
 }
 
 TEST_F(SideChannelTest, IsRefusedWhereItCannotBe) {
     Open();
     atServer = server.Create("object");
     EXPECT_FALSE(ServiceChannel::RequestSideChannel(atServer, QSC_SIDE_CHANNEL_TCP));
-    EXPECT_FALSE(ServiceChannel::RequestSideChannel(nullptr, QSC_SIDE_CHANNEL_TCP));
     ServiceChannel::DestroyObject(atServer);
-    client.journal.TakeUntil("peer object");
+    client.TakeUntil("peer object");
     ConnectObject();
     for (const uint32_t type : {0u, 5u, 32u, 99u}) EXPECT_FALSE(ServiceChannel::RequestSideChannel(atClient, type));
     MoveTo(QSC_SIDE_CHANNEL_TCP);
@@ -313,40 +276,38 @@ TEST(SideChannelFailure, TakesTheAskingObjectBackToConnectedOnceAndMessagesKeepT
         uint32_t atClient, atServer;
         const char* folder;  // for the sockets of the server
     };
-    const char* before = std::getenv("TMPDIR");
-    const std::string folder = before ? before : "/tmp";
+    const char* const variable = std::getenv("TMPDIR");
+    const std::string folder = variable ? variable : "/tmp";
     const Resources atStart;
     Texts errors;
     SetErrorHandler([&](std::string_view line) { errors.emplace_back(line); });
-    for (const Case& c :
-         {Case{false, 0x1E, 0x1C, nullptr}, {true, 0x1C, 0x1E, nullptr}, {false, 0x1E, 0x1E, "/nowhere/at/all"}}) {
-        ChannelOptions client;
-        client.sideChannels = c.atClient;
-        ChannelOptions server = ServerOptions();
-        server.sideChannels = c.atServer;
-        Ends ends(client, server);
-        ends.OpenAt("tcp:");
+    for (const Case& c : {Case{false, 0x1E, 0x1C, folder.c_str()},
+                          {true, 0x1C, 0x1E, folder.c_str()},
+                          {false, 0x1E, 0x1E, "/nowhere/at/all"}}) {
+        ChannelOptions options = ServerOptions();
+        options.sideChannels = c.atServer;
+        ChannelEnds ends({.sideChannels = c.atClient}, options);
+        ends.Open("tcp:");
         ends.ConnectObject();
-        if (c.folder) setenv("TMPDIR", c.folder, 1);
+        setenv("TMPDIR", c.folder, 1);
         ChannelEnd& asking = c.byServer ? ends.server : ends.client;
-        ChannelEnd& other = c.byServer ? ends.client : ends.server;
         void* hAsking = c.byServer ? ends.atServer : ends.atClient;
         for (int round = 0; round < 2; ++round) {
-            ASSERT_TRUE(ServiceChannel::RequestSideChannel(hAsking, QSC_SIDE_CHANNEL_VIRTUAL));
+            Request(hAsking, QSC_SIDE_CHANNEL_VIRTUAL);
             AwaitStates(asking, 2);
             EXPECT_EQ(ServiceChannel::ObjectState(hAsking), QSC_OBJECT_CONNECTED);
         }
-        if (before)
-            setenv("TMPDIR", folder.c_str(), 1);
-        else
-            unsetenv("TMPDIR");
+        setenv("TMPDIR", folder.c_str(), 1);
         ASSERT_NE(ends.client.Send(ends.atClient, 1), 0u);
         ASSERT_NE(ends.server.Send(ends.atServer, 2), 0u);
-        EXPECT_EQ(asking.journal.Take(1), Texts{"object message " + std::to_string(c.byServer ? 1 : 2)});
-        EXPECT_EQ(other.journal.Take(1), Texts{"object message " + std::to_string(c.byServer ? 2 : 1)});
-        ends.MoveTo(QSC_SIDE_CHANNEL_TCP, c.byServer);
+        EXPECT_EQ(ends.server.journal.Take(1), Texts{"object message 1"});
+        EXPECT_EQ(ends.client.journal.Take(1), Texts{"object message 2"});
+        Request(hAsking, QSC_SIDE_CHANNEL_TCP);
+        AwaitStates(asking, 2);
+        EXPECT_EQ(ServiceChannel::ObjectState(hAsking), QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
     }
     SetErrorHandler({});
+    if (!variable) unsetenv("TMPDIR");
     EXPECT_EQ(errors.size(), 6u);  // one for each failure
     ExpectBackTo(atStart);
 }
@@ -358,11 +319,7 @@ TEST_F(SideChannelTest, BothEndsMayAskAtOnce) {
         std::thread other([&] { ServiceChannel::RequestSideChannel(atServer, QSC_SIDE_CHANNEL_TCP); });
         ServiceChannel::RequestSideChannel(atClient, QSC_SIDE_CHANNEL_VIRTUAL);
         other.join();
-        AwaitStates(client, 2);
-        AwaitStates(server, 2);
-        for (void* hObject : {atClient, atServer}) {
-            ASSERT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_SIDE_CHANNEL_CONNECTED);
-        }
+        AwaitSwitch();
         ASSERT_NE(client.Send(atClient, 7), 0u);
         EXPECT_EQ(server.journal.Take(1), Texts{"object message 7"});
         ServiceChannel::DestroyObject(atClient);
@@ -377,14 +334,9 @@ TEST_F(SideChannelTest, AnObjectMayGoInTheMiddle) {
     const Resources before;
     uint64_t sent = 0;
     for (int round = 0; round < 120; ++round) {
-        atServer = server.Create("object");
-        client.journal.TakeUntil("peer object");
-        atClient = client.Create("object");
-        AwaitStates(client, 1);
-        AwaitStates(server, 1);
-        const bool byServer = round % 2 == 0;
+        ConnectObject();
         const bool serverGoes = round % 4 < 2;
-        ASSERT_TRUE(ServiceChannel::RequestSideChannel(byServer ? atServer : atClient, 1 + round % 4));
+        Request(round % 2 == 0 ? atServer : atClient, 1 + round % 4);
         for (int i = 0; i < round % 20 * 5; ++i) std::this_thread::yield();
         if (client.Send(atClient, 1, 3000) != 0) ++sent;
         ServiceChannel::DestroyObject(serverGoes ? atServer : atClient);
@@ -414,21 +366,22 @@ TEST_F(SideChannelTest, EndsWithADisconnectAndTheNextChannelHasItsOwn) {
         void* hObject = first == &client ? atClient : atServer;
         for (uint32_t i = 0; i < 200; ++i) ASSERT_NE(first->Send(hObject, 1, 5000), 0u);
         EXPECT_TRUE(first->channel->Disconnect());
-        other.journal.TakeUntil("channel 0");
+        other.TakeUntil("channel 0");
         EXPECT_EQ(heard, 200u);
         for (void* h : {atClient, atServer}) EXPECT_TRUE(ServiceChannel::DestroyObject(h));
         ExpectBackTo(before);
         EXPECT_TRUE(client.channel->Connect());
-        client.journal.TakeUntil("channel 2");
-        server.journal.TakeUntil("channel 2");
+        client.TakeUntil("channel 2");
+        server.TakeUntil("channel 2");
     }
 }
 
-enum class Cut { ByClient, ByServer, SideOfClient, SideOfServer, InTheMiddle };
+enum class Cut { ByClient, ByServer, SideOfClient, SideOfServer, InTheMiddle, WithoutSide };
 
-// Threads send both ways while the connections fall over and over: no message goes unaccounted for.
+// Threads send both ways while the connections fall over and over: no message goes unaccounted for, and no request
+// stays open.
 TEST_F(SideChannelTest, FallsWithTheChannelAndTheAccountStaysExact) {
-    constexpr int kFalls = 25;
+    constexpr int kFalls = 30;
     Open();
     Hearer atServerEnd(server);
     Hearer atClientEnd(client);
@@ -442,30 +395,30 @@ TEST_F(SideChannelTest, FallsWithTheChannelAndTheAccountStaysExact) {
             return line.starts_with("done ") || line.starts_with("abort ");
         }));
     };
-    const auto awaitStates = [&](int count) {
-        for (int i = 0; i < count; ++i) {
-            for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.TakeUntil("object state"));
+    const auto await = [&](const char* line, int times = 1) {
+        for (int i = 0; i < times; ++i) {
+            for (ChannelEnd* end : {&client, &server}) countClosed(end->TakeUntil(line));
         }
     };
     std::string error;
     for (int fall = 0; fall < kFalls; ++fall) {
         const uint32_t type = 1 + fall % 4;
         const int family = type == QSC_SIDE_CHANNEL_TCP ? AF_INET : AF_UNIX;
+        const auto cut = static_cast<Cut>(fall % 6);
         atServer = server.Create("object");
-        countClosed(client.journal.TakeUntil("peer object"));
+        countClosed(client.TakeUntil("peer object"));
         atClient = client.Create("object");
         hServer = atServer;
         hClient = atClient;
-        awaitStates(1);
+        await("object state");
         const auto sockets = ConnectedSockets(family);
-        const auto cut = static_cast<Cut>(fall % 5);
-        ASSERT_TRUE(ServiceChannel::RequestSideChannel(fall % 2 ? atServer : atClient, type));
-        if (cut != Cut::InTheMiddle) {
-            awaitStates(2);
-            atServerEnd.Await(atServerEnd.heard + 50);
-            atClientEnd.Await(atClientEnd.heard + 50);
-        } else {
+        if (cut != Cut::WithoutSide) Request(fall % 4 < 2 ? atServer : atClient, type);
+        if (cut == Cut::InTheMiddle) {
             for (int i = 0; i < fall * 20; ++i) std::this_thread::yield();
+        } else {
+            if (cut != Cut::WithoutSide) await("object state", 2);
+            atServerEnd.AwaitMore(50);
+            atClientEnd.AwaitMore(50);
         }
         if (cut == Cut::SideOfClient || cut == Cut::SideOfServer) {
             const std::vector<int> side = NewSockets(family, sockets);
@@ -474,13 +427,11 @@ TEST_F(SideChannelTest, FallsWithTheChannelAndTheAccountStaysExact) {
         } else {
             (cut == Cut::ByServer ? server : client).channel->Interrupt();
         }
-        for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.TakeUntil("connection 0"));
-        for (void* hObject : {atClient, atServer}) {
-            EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_DISCONNECTED);
-            ServiceChannel::DestroyObject(hObject);
-        }
+        await("connection 0");
+        ExpectStates(QSC_OBJECT_DISCONNECTED);
+        for (void* hObject : {atClient, atServer}) ServiceChannel::DestroyObject(hObject);
         ASSERT_TRUE(client.channel->Reconnect(&error)) << error;
-        for (ChannelEnd* end : {&client, &server}) countClosed(end->journal.TakeUntil("channel 2"));
+        await("channel 2");
     }
     up.Stop();
     down.Stop();
@@ -497,42 +448,28 @@ TEST_F(SideChannelTest, FallsWithTheChannelAndTheAccountStaysExact) {
 TEST(SideChannelEnds, NothingIsLeftWhenTheChannelCloses) {
     const Resources before;
     for (int round = 0; round < 20; ++round) {
-        ChannelEnd server(ServerOptions());
-        ChannelEnd client({});
-        std::string error;
-        ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
-        ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
-        client.journal.TakeUntil("channel 2");
-        server.journal.TakeUntil("channel 2");
-        void* atServer = server.Create("object");
-        client.journal.TakeUntil("peer object");
-        void* atClient = client.Create("object");
-        AwaitStates(client, 1);
-        AwaitStates(server, 1);
-        ASSERT_TRUE(ServiceChannel::RequestSideChannel(round % 2 ? atClient : atServer, 1 + round % 4));
-        if (round % 3 == 0) AwaitStates(client, 2);
-        (round % 2 ? server : client).channel->Close();
+        ChannelEnds ends;
+        ends.Open();
+        ends.ConnectObject();
+        Request(round % 2 ? ends.atClient : ends.atServer, 1 + round % 4);
+        if (round % 3 == 0) AwaitStates(ends.client, 2);
+        (round % 2 ? ends.server : ends.client).channel->Close();
     }
     ExpectBackTo(before);
 }
 
 TEST(SideChannelTimeOut, AServerThatNobodyDialsGoesBackAndTellsTheClient) {
-    ChannelEnd server(WithLimit(ServerOptions()));
-    std::string error;
-    ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
-    RawEnd client(ConnectSocket(server.channel->Address(), &error));
-    client.SayHello(Role::Client);
-    client.Send(MakeFrame(FrameType::Open, {Value(1u)}));
-    server.journal.TakeUntil("channel 2");
-    void* hObject = server.Create("object");
-    client.Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
-    AwaitStates(server, 1);
+    ChannelOptions options = ServerOptions();
+    options.meetLimitMS = kShortLimitMS;
+    ServerOfRawClient ends(options);
+    ends.ConnectObject();
+    RawEnd& client = *ends.client;
     const Resources before;
     for (const bool asks : {true, false}) {
         if (asks)
             client.Send(MakeFrame(FrameType::SideChannelRequest, {Value("object"), Value(2u), Value(uint64_t{9})}));
         else
-            ASSERT_TRUE(ServiceChannel::RequestSideChannel(hObject, QSC_SIDE_CHANNEL_VIRTUAL));
+            Request(ends.hObject, QSC_SIDE_CHANNEL_VIRTUAL);
         const std::vector<Value> offer = client.Await(FrameType::SideChannelOffer);
         ASSERT_EQ(offer.size(), 5u);
         EXPECT_EQ(offer[2].text.substr(0, 4), asks ? "tcp:" : "unix");
@@ -540,55 +477,51 @@ TEST(SideChannelTimeOut, AServerThatNobodyDialsGoesBackAndTellsTheClient) {
         // A stranger has no say in it.
         const std::string address(offer[2].text);
         const uint64_t number = offer[3].number;
+        std::string error;
         RawEnd stranger(ConnectSocket(address, &error));
         stranger.Send(MakeGreeting(number + 1));
-        AwaitStates(server, 2);
-        EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_CONNECTED);
+        AwaitStates(ends.server, 2);
+        EXPECT_EQ(ServiceChannel::ObjectState(ends.hObject), QSC_OBJECT_CONNECTED);
         EXPECT_EQ(client.Await(FrameType::SideChannelRefused)[1].number, number);
         ASSERT_FALSE(ConnectSocket(address, &error).IsOpen());
     }
     ExpectBackTo(before);
-    EXPECT_NE(server.Send(hObject, 1), 0u);
+    EXPECT_NE(ends.server.Send(ends.hObject, 1), 0u);
     client.Await(FrameType::Post);
 }
 
 TEST(SideChannelTimeOut, AClientGoesBackWhenTheServerIsSilentOrOffersNothingThatWorks) {
     SetErrorHandler([](std::string_view) {});
-    std::string error;
-    const auto listener = Listener::Open("unix:", &error);
-    ASSERT_TRUE(listener) << error;
-    ChannelEnd client(WithLimit({}));
-    ASSERT_TRUE(client.channel->Dial(listener->Address(), &error)) << error;
-    RawEnd server(listener->Accept(&error));
-    server.SayHello(Role::Server);
-    server.Await(FrameType::Open);
-    server.Send(MakeFrame(FrameType::Accept, {Value(1u), Value(int32_t{0})}));
+    ClientOfRawServer ends({.meetLimitMS = kShortLimitMS});
+    ChannelEnd& client = ends.client;
+    RawEnd& server = *ends.server;
     server.Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
-    client.journal.TakeUntil("peer object");
+    client.TakeUntil("peer object");
     void* hObject = client.Create("object");
     server.Send(MakeFrame(FrameType::ObjectReady, {Value("object"), Value(1u)}));
     AwaitStates(client, 1);
-    const Resources before;
-    const auto offer = [&](const char* address, uint64_t number, bool asked) {
+    const std::string address = ends.listener->Address();
+    const auto offer = [&](const std::string& at, uint64_t number, bool asked) {
         server.Send(MakeFrame(FrameType::SideChannelOffer,
-                              {Value("object"), Value(1u), Value(address), Value(number), Value(asked ? 1u : 0u)}));
+                              {Value("object"), Value(1u), Value(at), Value(number), Value(asked ? 1u : 0u)}));
     };
-    for (const char* address : {"", "unix:/nowhere/at/all", "nonsense"}) {
-        ASSERT_TRUE(ServiceChannel::RequestSideChannel(hObject, QSC_SIDE_CHANNEL_VIRTUAL));
+    for (const char* answer : {"", "unix:/nowhere/at/all", "nonsense"}) {
+        Request(hObject, QSC_SIDE_CHANNEL_VIRTUAL);
         const uint64_t number = server.Await(FrameType::SideChannelRequest)[2].number;
-        if (*address) offer(address, number, true);
+        if (*answer) offer(answer, number, true);
         AwaitStates(client, 2);
         EXPECT_EQ(server.Await(FrameType::SideChannelRefused)[1].number, number);
         EXPECT_EQ(ServiceChannel::ObjectState(hObject), QSC_OBJECT_CONNECTED);
-        offer(listener->Address().c_str(), number, true);  // too late
+        offer(address, number, true);  // too late
         EXPECT_EQ(server.Await(FrameType::SideChannelRefused)[1].number, number);
     }
     // An offer of the server's own, and a refusal after the dial.
     offer("unix:/nowhere/at/all", 5, false);
     AwaitStates(client, 2);
     EXPECT_EQ(server.Await(FrameType::SideChannelRefused)[1].number, 5u);
-    offer(listener->Address().c_str(), 6, false);
-    RawEnd side(listener->Accept(&error));
+    offer(address, 6, false);
+    std::string error;
+    RawEnd side(ends.listener->Accept(&error));
     EXPECT_EQ(side.Await(FrameType::Greeting)[0].number, 6u);
     server.Send(MakeFrame(FrameType::SideChannelRefused, {Value("object"), Value(uint64_t{6})}));
     AwaitStates(client, 2);
@@ -611,7 +544,7 @@ TEST(SideChannelRules, APeerThatBreaksThemOnTheSideIsShutOut) {
     };
     struct Case {
         std::vector<Bytes> frames;
-        const char* error;
+        const char* error;  // empty: the peer hangs up
     };
     for (const Case& c :
          {Case{{Bytes(64, 0)}, "frame does not begin with the frame mark"},
@@ -619,37 +552,30 @@ TEST(SideChannelRules, APeerThatBreaksThemOnTheSideIsShutOut) {
           {{post(2)}, "a message is not of the side channel's object"},
           {{MakeFrame(FrameType::SideChannelEnd, {Value(1u)})}, "a frame has items that are not of its type"},
           {{MakeFrame(FrameType::SideChannelEnd, {}), post(1)}, "a frame follows the last one of a side channel"},
-          {{post(1), Bytes()}, ""}}) {
-        ChannelEnd server(ServerOptions());
-        std::string error;
-        ASSERT_TRUE(server.channel->Listen("unix:", &error)) << error;
-        RawEnd client(ConnectSocket(server.channel->Address(), &error));
-        client.SayHello(Role::Client);
-        client.Send(MakeFrame(FrameType::Open, {Value(1u)}));
-        server.journal.TakeUntil("channel 2");
-        void* hObject = server.Create("object");
-        client.Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
-        AwaitStates(server, 1);
+          {{post(1)}, ""}}) {
+        ServerOfRawClient ends;
+        ends.ConnectObject();
+        ChannelEnd& server = ends.server;
+        RawEnd& client = *ends.client;
         client.Send(MakeFrame(FrameType::SideChannelRequest, {Value("object"), Value(1u), Value(uint64_t{9})}));
         const std::string address(client.Await(FrameType::SideChannelOffer)[2].text);
+        std::string error;
         auto side = std::make_unique<RawEnd>(ConnectSocket(address, &error));
         side->Send(MakeGreeting(9));
         client.Await(FrameType::SideChannelSwitch);
-        for (const Bytes& frame : c.frames) {
-            if (!frame.empty()) side->Send(frame);
-        }
+        for (const Bytes& frame : c.frames) side->Send(frame);
         // It is read no sooner than the switch.
         client.Send(post(1));
-        EXPECT_EQ(server.journal.TakeUntil("object message 0"), (Texts{"object state", "object message 0"}));
+        EXPECT_EQ(server.TakeUntil("object message 0"), (Texts{"object state", "object message 0"}));
         EXPECT_EQ(server.channel->LastError(), "");
         client.Send(MakeFrame(FrameType::SideChannelSwitch, {Value("object"), Value(uint64_t{9})}));
         if (*c.error == '\0') {
-            server.journal.TakeUntil("object message 0");
+            server.TakeUntil("object message 0");
             side.reset();
         }
-        server.journal.TakeUntil("connection 0");
+        server.TakeUntil("connection 0");
         EXPECT_EQ(server.channel->LastError(), c.error);
-        ServiceChannel::DestroyObject(hObject);
+        ServiceChannel::DestroyObject(ends.hObject);
     }
     SetErrorHandler({});
 }
