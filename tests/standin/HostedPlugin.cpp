@@ -14,31 +14,16 @@ QSCService_ChannelInterface gChannel;
 uint32_t gCookie = 0;
 
 Bool Note(const std::string& entryPoint, const std::string& detail = "") {
-    const std::lock_guard lock(gJournal.mutex);
     gJournal.lines.push_back(entryPoint);
     gJournal.lines.back().append(detail);
-    gJournal.deliveredOn = std::this_thread::get_id();
-    gJournal.changed.notify_all();
     if (gJournal.failing != entryPoint) return TRUE;
     gJournal.failing.clear();
     return FALSE;
 }
 
-void OnConnectionStateChanged(void*, QSCService_ConnectionState current, QSCService_ConnectionState, void*) {
-    if (current == QSC_CONNECTION_CONNECTED) gChannel.v1.Connect();
-    Note("connection ", std::to_string(current));
-}
-
-void OnChannelStateChanged(void*, QSCService_ChannelState, QSCService_ChannelState transition, void*) {
-    Note("channel ", std::to_string(transition) + " session " + std::to_string(gChannel.GetSessionType()));
-}
-
-void OnPeerChannelObjectCreated(void*, const char* name, void*) {
-    Note("peer ", name);
-}
-
-constexpr QSCService_ChannelNotifySink kSink = {1, OnConnectionStateChanged, OnChannelStateChanged,
-                                                OnPeerChannelObjectCreated};
+constexpr QSCService_ChannelNotifySink kSink = {
+    1, [](void*, QSCService_ConnectionState, QSCService_ConnectionState, void*) {},
+    [](void*, QSCService_ChannelState, QSCService_ChannelState, void*) {}, [](void*, const char*, void*) {}};
 
 }  // namespace
 
@@ -64,10 +49,6 @@ Bool QSCService_PluginGetTokenName(char* buffer, int size) {
 Bool QSCService_PluginInit(QSC_SERVICE_QUERY_INTERFACE query) {
     const QSC_INTERFACE_ID id = QSC_MakeInterfaceId(0x0B);
     const Bool found = query.QueryInterface(&id, &gChannel);
-    {
-        const std::lock_guard lock(gJournal.mutex);
-        gJournal.poll = gChannel.v1.Poll;
-    }
     return Note("Init", std::string(" table ").append(std::to_string(found)));
 }
 
@@ -76,10 +57,7 @@ Bool QSCService_PluginExit() {
 }
 
 Bool QSCService_PluginCreateInstance(void* hChannel, void** instance) {
-    {
-        const std::lock_guard lock(gJournal.mutex);
-        gJournal.hChannel = hChannel;
-    }
+    gJournal.hChannel = hChannel;
     *instance = reinterpret_cast<void*>(kInstance);
     if (Note("CreateInstance") == FALSE) return FALSE;
     return gChannel.v1.RegisterChannelNotifySink(&kSink, nullptr, &gCookie);
