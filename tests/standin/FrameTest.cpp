@@ -31,21 +31,8 @@ Bytes OneItem(const Value& value) {
 }
 
 TEST(FrameTest, CarriesEveryKindOfValueInEveryRole) {
-    const std::vector<Value> values = {Value(),
-                                       Number(kKindInt8, 0xFF),
-                                       Number(kKindInt16, 0x8000),
-                                       Number(kKindUInt16, 65535),
-                                       Value(int32_t{-1}),
-                                       Value(4000000000u),
-                                       Value(int64_t{-1}),
-                                       Value(~uint64_t{0}),
-                                       Number(kKindFloat, 0x3F800000),
-                                       Number(kKindDouble, 0x3FF0000000000000),
-                                       Value(""),
-                                       Value("seven.."),
-                                       Value("eight..."),
-                                       Value(Bytes()),
-                                       Value(kBlob)};
+    const std::vector<Value> values = {Value(),          Value(int32_t{-1}), Number(kKindInt8, 0xFF), Value(""),
+                                       Value("seven.."), Value("eight..."),  Value(Bytes()),          Value(kBlob)};
     Bytes frame;
     BeginFrame(&frame);
     FrameHeader header = {};

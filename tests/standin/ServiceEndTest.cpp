@@ -24,13 +24,13 @@ std::string Describe(const std::optional<Value>& value) {
 // Writes down what it hears, and answers requests with their parameters, or later.
 class NotingEnd {
 public:
-    explicit NotingEnd(Role role, Delivery delivery = Delivery::Threaded)
+    explicit NotingEnd(Role role)
         : end({.onReady = [this] { journal.Add("ready"); },
                .onNotReady = [this] { journal.Add("not ready"); },
                .onMessage = [this](InboundMessage& message) { OnMessage(message); },
                .onDone = [this](uint32_t, InboundMessage& answer) { OnDone(answer); },
                .onAbort = [this](uint32_t, uint32_t reason) { journal.Add("abort " + std::to_string(reason)); }},
-              {.channel = {.role = role, .delivery = delivery}}) {}
+              {.channel = {.role = role}}) {}
 
     Journal journal;
     std::atomic<void*> ticket{nullptr};
@@ -45,6 +45,7 @@ private:
             EXPECT_FALSE(message.AddReturnValue(Value(1u)));
         } else if (message.Command() == kDeferred) {
             ticket = message.Defer();
+            EXPECT_EQ(message.Defer(), nullptr);
         } else {
             for (int i = 0; i < message.ParamCount(); ++i) EXPECT_TRUE(message.AddReturnValue(*message.Param(i)));
         }
@@ -60,8 +61,6 @@ private:
 
 class ServiceEndTest : public testing::Test {
 protected:
-    explicit ServiceEndTest(Delivery delivery = Delivery::Threaded) : atClient(Role::Client, delivery) {}
-
     void Connect() {
         std::string error;
         ASSERT_TRUE(server.Channel().Listen("unix:", &error)) << error;
@@ -71,7 +70,7 @@ protected:
     }
 
     NotingEnd atServer{Role::Server};
-    NotingEnd atClient;
+    NotingEnd atClient{Role::Client};
     ServiceEnd& server = atServer.end;
     ServiceEnd& client = atClient.end;
 };
@@ -115,19 +114,6 @@ TEST_F(ServiceEndTest, AnswersADeferredRequestOnceFromAnyThreadAndNotAfterAFall)
     EXPECT_TRUE(server.WaitNotReady(kLongMS));
     EXPECT_FALSE(server.Respond(atServer.ticket, {Value("too late")}));
     EXPECT_EQ(atClient.journal.Take(2), (Texts{"abort 1", "not ready"}));
-}
-
-class PolledServiceEndTest : public ServiceEndTest {
-protected:
-    PolledServiceEndTest() : ServiceEndTest(Delivery::Polled) {}
-};
-
-TEST_F(PolledServiceEndTest, IsDeliveredToByItsWaits) {
-    Connect();
-    ASSERT_TRUE(client.Request(3, {Value("polled")}));
-    while (!atClient.journal.Has("done polled")) client.Channel().PollWait(kLongMS);
-    server.Channel().Interrupt();
-    EXPECT_TRUE(client.WaitNotReady(kLongMS));
 }
 
 }  // namespace

@@ -1,4 +1,3 @@
-// The tables of the service, and the script by which a test bends them.
 #include "standin/qscservice/ServiceTables.h"
 
 #include <gtest/gtest.h>
@@ -8,7 +7,6 @@
 #include <functional>
 #include <map>
 #include <set>
-#include <thread>
 
 #include "standin/qscservice/ScriptedService.h"
 
@@ -17,7 +15,6 @@ namespace {
 using namespace qscservice;
 
 using Word = uintptr_t;
-using Texts = std::vector<std::string>;
 
 constexpr size_t kRoom = 32;  // words, more than any table has
 constexpr Word kUntouched = static_cast<Word>(0xA5A5A5A5A5A5A5A5u);
@@ -267,35 +264,15 @@ TEST_F(TableWords, AHandleThatNamesNoContextOfTheCallersIsRefused) {
     EXPECT_EQ(ScriptedService::LiveContexts(), 0u);
 }
 
-TEST_F(TableWords, TheScriptBendsCallsAndRunsAnActionOnceInTheNextPoll) {
-    service.SucceedWith(Op::Connect, 2);
-    EXPECT_EQ(channel.v1.Connect(), 2);
-    EXPECT_EQ(object.RequestSideChannel(nullptr, 3, "name"), FALSE);
-    EXPECT_EQ(service.Calls().back().args, (Texts{"null", "3", "name"}));
-    std::thread::id ran;
-    int runs = 0;
-    std::thread([&] {
-        service.RunInNextPoll([&] {
-            ran = std::this_thread::get_id();
-            ++runs;
-        });
-    }).join();
-    EXPECT_EQ(runs, 0);
-    channel.v1.Poll();
-    channel.v3.Poll(1);
-    EXPECT_EQ(runs, 1);
-    EXPECT_EQ(ran, std::this_thread::get_id());
-}
-
 TEST(ServiceErrors, GoToTheHandlerThatIsSet) {
-    Texts lines;
+    std::vector<std::string> lines;
     SetErrorHandler([&](std::string_view line) { lines.emplace_back(line); });
     ReportError("first");
     SetErrorHandler({});
     testing::internal::CaptureStderr();
     ReportError("second");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "qscservice: second\n");
-    EXPECT_EQ(lines, Texts{"first"});
+    EXPECT_EQ(lines, std::vector<std::string>{"first"});
 }
 
 TEST(TableWordsWithoutAChannel, Refuse) {

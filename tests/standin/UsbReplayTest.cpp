@@ -21,7 +21,6 @@ using enum UsbTransferType;
 
 constexpr DWORD kLongMS = 30000;  // for what has to come
 constexpr DWORD kGlanceMS = 50;   // for what must not come
-constexpr uint64_t kSampleDevices = 3;
 
 struct Sent {
     char kind;  // 'p'ost, 'f'ast, 'h'id, 'a'sync
@@ -158,45 +157,34 @@ UsbReplayPlan BulkPlan(uint64_t transfers) {
 }
 
 TEST(UsbReplay, SendsEachRecordOnceAndAccountsForWhatComesBack) {
-    std::string error;
-    const auto capture = UsbCapture::Read(SOURCE_FOLDER "/captures/sample.pcap", &error);
-    ASSERT_TRUE(capture) << error;
-    Configure(PlanOf({*capture}));
+    const Bytes report(8, 1);
+    Configure(PlanOf({CaptureOf(
+        {TransferOf(kInterrupt, 1, report), TransferOf(kControl, 2, report), TransferOf(kBulk, 3, report, 300)})}));
     Plugin plugin;
     plugin.StartWithChannel();
     ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
     ASSERT_TRUE(UsbdReplay_WaitAllReturned(kLongMS));
-    EXPECT_TRUE(UsbdReplay_WaitReturned(30 + 12 + 12 + kSampleDevices, 0));
-    EXPECT_FALSE(UsbdReplay_WaitReturned(30 + 12 + 12 + kSampleDevices + 1, 0));
+    EXPECT_TRUE(UsbdReplay_WaitReturned(3, 0));
+    EXPECT_FALSE(UsbdReplay_WaitReturned(4, 0));
 
-    const std::vector<Sent> messages = plugin.Messages();
-    ASSERT_EQ(messages.size(), capture->Records().size() + kSampleDevices);
-    uint64_t bytes = 0, controlBytes = 0;
-    for (size_t i = 0; i < messages.size(); ++i) {
-        const Sent& message = messages[i];
-        bytes += message.content.size();
-        if (message.kind == 'p') {
-            EXPECT_EQ(message.type, "UsbControlTransfer");
-            controlBytes += message.content.size();
-        } else if (message.kind == 'a') {
-            EXPECT_EQ(message.type, "IsUsbAvailable");
-            EXPECT_EQ(message.content, "capture 1 bus 1 device " + std::to_string(i + 2) + " message " + message.id);
-        } else {
-            const UsbRecord& record = capture->Records()[i - kSampleDevices];
-            EXPECT_EQ(message.kind, record.type == kInterrupt ? 'h' : 'f');
-            EXPECT_EQ(message.content.size(), kUsbmonHeaderSize + record.FullPayloadSize());
-        }
-    }
+    const std::vector<Sent> sent = plugin.Messages();
+    ASSERT_EQ(sent.size(), 4u);
+    EXPECT_EQ(sent[0].type, "IsUsbAvailable");
+    EXPECT_EQ(sent[0].content, "capture 1 bus 1 device 2 message " + sent[0].id);
+    EXPECT_EQ(sent[1].kind, 'h');
+    EXPECT_EQ(sent[1].content.size(), kUsbmonHeaderSize + 8);
+    EXPECT_EQ(sent[2].type, "UsbControlTransfer");
+    EXPECT_EQ(sent[3].kind, 'f');
+    EXPECT_EQ(sent[3].content.size(), kUsbmonHeaderSize + 300);
     const UsbReplayCounters counters = UsbdReplay_GetCounters();
-    EXPECT_EQ(counters.sent.post, 18u);
-    EXPECT_EQ(counters.sent.fast, 30u + 12u);
-    EXPECT_EQ(counters.sent.hid, 12u);
-    EXPECT_EQ(counters.sent.async, kSampleDevices);
-    EXPECT_EQ(counters.sent.bytes, bytes);
-    EXPECT_EQ(counters.returned.bytes, bytes - controlBytes + kSampleDevices * strlen(kUsbResponsePrefix));
+    for (const uint64_t count : {counters.sent.post, counters.sent.fast, counters.sent.hid, counters.sent.async}) {
+        EXPECT_EQ(count, 1u);
+    }
+    const size_t returned = sent[0].content.size() + sent[1].content.size() + sent[3].content.size();
+    EXPECT_EQ(counters.sent.bytes, returned + sent[2].content.size());
+    EXPECT_EQ(counters.returned.bytes, returned + strlen(kUsbResponsePrefix));
     EXPECT_EQ(counters.refused.Messages() + counters.mismatched + counters.outstanding, 0u) << counters.firstMismatch;
-    EXPECT_EQ(counters.fastLatency.samples, counters.sent.fast);
-    EXPECT_EQ(counters.hidLatency.samples, counters.sent.hid);
+    EXPECT_EQ(counters.fastLatency.samples + counters.hidLatency.samples, 2u);
     EXPECT_EQ(plugin.Stop(), 0);
 }
 
@@ -221,7 +209,6 @@ TEST(UsbReplay, NoticesEveryWayInWhichAReturnCanBeWrong) {
             Return(m);
         };
     };
-    const auto asHid = [](const Sent& m) { Usbd_PostHIDOptOperationMsg(m.content.data(), m.content.size()); };
     const auto twice = [](const Sent& m) {
         Return(m);
         Return(m);
@@ -234,13 +221,11 @@ TEST(UsbReplay, NoticesEveryWayInWhichAReturnCanBeWrong) {
         {"header length", 'f', fast(63, 300), "fast post: header length 63"},
         {"trailer", 'f', fast(64, 299), "fast post of 364 bytes: trailer 299"},
         {"first byte", 'f', changed(0), "fast post of 364 bytes: never sent"},
-        {"last byte", 'f', changed(363), "fast post of 364 bytes: never sent"},
         {"shorter than a header", 'f',
          [](const Sent& m) { Usbd_PostMsgToUsbdPoll(m.content.data(), 63, 64, static_cast<uint32_t>(-1)); },
          "fast post of 63 bytes: trailer 4294967295"},
         {"twice", 'f', twice, "fast post of 364 bytes: came back more often than it was sent", 0},
         {"refused and yet sent", 'f', Return, "fast post of 364 bytes: came back although it was refused", 0, false},
-        {"as HID post", 'f', asHid, "HID post of 364 bytes: never sent"},
         {"HID as fast post", 'h', [](const Sent& m) { ReturnFast(m.content); }, "fast post of 72 bytes: never sent"},
         {"empty HID post", 'h', [](const Sent&) { Usbd_PostHIDOptOperationMsg("", 0); },
          "HID post of 0 bytes: never sent"},
@@ -353,21 +338,6 @@ TEST(UsbReplay, CallsTheHookAfterEachIntervalByOneThreadAtATime) {
     for (size_t i = 0; i < numbers.size(); ++i) EXPECT_EQ(numbers[i], (i + 1) * kInterval);
 }
 
-TEST(UsbReplay, GoesOnWithoutEndUntilTheHookStopsIt) {
-    UsbReplayPlan plan = BulkPlan(3);
-    plan.loops = 0;
-    plan.hookInterval = 100;
-    plan.onMessages = [](uint64_t) { StopUsbd(1); };
-    Configure(std::move(plan));
-    Plugin plugin;
-    plugin.StartWithChannel();
-    EXPECT_EQ(plugin.Join(), 0);
-    EXPECT_TRUE(UsbdReplay_WaitStopped(0));
-    EXPECT_EQ(plugin.Count(), 100u);
-    EXPECT_FALSE(UsbdReplay_GetCounters().sendingDone);
-    EXPECT_FALSE(UsbdReplay_WaitSent(0));
-}
-
 UsbReplayPlan TimedPlan(std::initializer_list<int64_t> us) {
     std::vector<UsbRecord> records;
     for (const int64_t at : us) {
@@ -473,22 +443,6 @@ TEST(UsbReplay, TimesNothingAcrossAFallOfTheChannel) {
     EXPECT_TRUE(UsbdReplay_WaitAllReturned(0)) << "what returns late still counts";
     EXPECT_EQ(UsbdReplay_GetCounters().fastLatency.samples, 0u);
     EXPECT_EQ(UsbdReplay_GetCounters().returned.fast, 1u);
-}
-
-TEST(UsbReplay, WaitersHearOfReturnsAsTheyCome) {
-    Configure(BulkPlan(50));
-    Plugin plugin([](const Sent&) { return true; });
-    plugin.StartWithChannel();
-    ASSERT_TRUE(UsbdReplay_WaitSent(kLongMS));
-    auto all = std::async(std::launch::async, [] { return UsbdReplay_WaitAllReturned(kInfinite); });
-    auto some = std::async(std::launch::async, [] { return UsbdReplay_WaitReturned(20, kInfinite); });
-    for (const Sent& message : plugin.Messages()) {
-        Return(message);
-        Usbd_PostHIDOptOperationMsg("?", 1);
-    }
-    EXPECT_TRUE(some.get());
-    EXPECT_TRUE(all.get());
-    EXPECT_EQ(UsbdReplay_GetCounters().mismatched, 51u);
 }
 
 }  // namespace
