@@ -118,6 +118,29 @@ TEST_F(FallTest, CountsManyCommandsTogetherAndStillExactly) {
     }
 }
 
+TEST_F(FallTest, ADeferredRequestFallsWithItsConnection) {
+    Open();
+    ConnectObject();
+    std::vector<void*> tickets;
+    server.onMessage = [&](void* hContext, uint32_t) {
+        EXPECT_FALSE(server.channel->Defer(nullptr));
+        EXPECT_TRUE(server.channel->Defer(hContext));
+        EXPECT_FALSE(server.channel->Defer(hContext));
+        tickets.push_back(hContext);
+        server.journal.Add("deferred");
+    };
+    const std::string first = std::to_string(client.Request(atClient, 1));
+    const std::string second = std::to_string(client.Request(atClient, 2));
+    server.journal.Take(2);
+    std::thread([&] { EXPECT_TRUE(server.channel->Respond(tickets[1], {Value(1u)})); }).join();
+    EXPECT_EQ(client.journal.Take(1), Texts{"done " + second});
+    client.channel->Interrupt();
+    EXPECT_EQ(client.journal.Take(3)[0], "abort " + first + " 1 1");
+    server.TakeUntil("connection 0");
+    for (void* ticket : tickets) EXPECT_FALSE(server.channel->Respond(ticket));
+    EXPECT_EQ(ContextTable::Live(), 0u);
+}
+
 Bytes Hello(std::vector<Value> tail = {}) {
     std::vector<Value> values = {Value(1u), Value(0u), Value(uint64_t{77}), Value(uint64_t{0})};
     values.insert(values.end(), tail.begin(), tail.end());

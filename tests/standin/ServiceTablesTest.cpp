@@ -115,7 +115,7 @@ protected:
 
     void* NewContext() {
         void* hContext = nullptr;
-        EXPECT_EQ(object.CreateContext(hObject, &hContext), TRUE);
+        EXPECT_EQ(object.CreateContextEx(hObject, 1, &hContext), TRUE);
         return hContext;
     }
 
@@ -194,23 +194,27 @@ TEST_F(TableWords, AMessageCarriesEveryKindOfValueInEachRole) {
 
 TEST_F(TableWords, AContextReadsWhatItHoldsAndRefusesTheRest) {
     void* hContext = NewContext();
-    QSC_RPC_VARIANT value;
+    QSC_RPC_VARIANT value, unknown;
     variant.VariantFromUInt32(&value, 7);
+    variant.VariantInit(&unknown);
+    unknown.vt = 9;
     ASSERT_EQ(context.AppendParam(hContext, &value), TRUE);
     ASSERT_EQ(context.AppendNamedParam(hContext, "a long name", &value), TRUE);
+    EXPECT_EQ(context.AppendParam(hContext, &unknown), FALSE);
+    EXPECT_EQ(context.AppendParam(hContext, nullptr), FALSE);
+    EXPECT_EQ(context.AppendNamedParam(hContext, nullptr, &value), FALSE);
+    EXPECT_EQ(context.SetOption(hContext, QSC_CONTEXT_OPTION_POST, &unknown), FALSE);
+    EXPECT_EQ(context.SetOption(hContext, QSC_CONTEXT_OPTION_POST + 1, &value), FALSE);
 
     QSC_RPC_VARIANT read = {};
+    EXPECT_EQ(context.GetParamCount(hContext), 1);
     ASSERT_EQ(context.GetParam(hContext, 0, &read), TRUE);
-    EXPECT_EQ(read.vt, QSC_VT_UI4);
     EXPECT_EQ(read.uint32Val, 7u);
     EXPECT_EQ(context.GetParam(hContext, 1, &read), FALSE);
     EXPECT_EQ(context.GetParam(hContext, -1, &read), FALSE);
-    EXPECT_EQ(context.GetParam(hContext, 0, nullptr), FALSE);
     EXPECT_EQ(context.GetReturnVal(hContext, 0, &read), FALSE);
-
     for (const auto& [size, expected] : std::map<int, const char*>{{12, "a long name"}, {11, "a long nam"}, {1, ""}}) {
-        char name[16];
-        std::memset(name, '?', sizeof name);
+        char name[] = "???????????????";
         ASSERT_EQ(context.GetNamedParam(hContext, 0, name, size, &read), TRUE);
         EXPECT_STREQ(name, expected);
         EXPECT_EQ(name[size], '?');
@@ -218,15 +222,6 @@ TEST_F(TableWords, AContextReadsWhatItHoldsAndRefusesTheRest) {
     char name[4];
     EXPECT_EQ(context.GetNamedParam(hContext, 0, name, 0, &read), FALSE);
     EXPECT_EQ(context.GetNamedParam(hContext, 0, nullptr, 4, &read), FALSE);
-    EXPECT_EQ(context.AppendNamedParam(hContext, nullptr, &value), FALSE);
-    EXPECT_EQ(context.AppendParam(hContext, nullptr), FALSE);
-    QSC_RPC_VARIANT unknown = {};
-    unknown.vt = 9;
-    EXPECT_EQ(context.AppendParam(hContext, &unknown), FALSE);
-    EXPECT_EQ(context.SetOption(hContext, QSC_CONTEXT_OPTION_POST, &unknown), FALSE);
-    EXPECT_EQ(context.SetOption(hContext, QSC_CONTEXT_OPTION_POST, nullptr), FALSE);
-    EXPECT_EQ(context.SetOption(hContext, QSC_CONTEXT_OPTION_POST + 1, &value), FALSE);
-    EXPECT_EQ(context.GetParamCount(hContext), 1);
     EXPECT_EQ(object.DestroyContext(hContext), TRUE);
 }
 
@@ -273,18 +268,6 @@ TEST(ServiceErrors, GoToTheHandlerThatIsSet) {
     ReportError("second");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "qscservice: second\n");
     EXPECT_EQ(lines, std::vector<std::string>{"first"});
-}
-
-TEST(TableWordsWithoutAChannel, Refuse) {
-    const auto channel = Fetch<QSCService_ChannelInterface>(0x0B);
-    const auto object = Fetch<QSCRPC_ChannelObjectInterface>(0x12);
-    channel.v1.Poll();
-    channel.v3.Poll(1);
-    EXPECT_EQ(channel.v1.Connect(), FALSE);
-    EXPECT_EQ(channel.v1.Disconnect(), FALSE);
-    EXPECT_EQ(channel.v1.GetConnectionState(), QSC_CONNECTION_UNINITIALIZED);
-    EXPECT_EQ(channel.GetSessionType(), QSC_SESSION_NONE);
-    EXPECT_EQ(object.IsSideChannelAvailable(1), FALSE);
 }
 
 }  // namespace

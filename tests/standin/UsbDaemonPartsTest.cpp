@@ -71,20 +71,6 @@ TEST(UsbMessageTable, MakesTheKindOfMessageThatTheTransferCallsFor) {
               "record 5 event S bus 1 device 2 endpoint 81 status -115 length 18 setup 8006000100001200 data -");
 }
 
-// The words are splitmix64's for the seeds 1 and 2.
-TEST(UsbMessageTable, FillsWhatTheCaptureCutFromTheRecordsNumber) {
-    const Bytes kept = {0xaa, 0xbb};
-    const auto table = TableOf({CaptureOf({TransferOf(kBulk, 1, kept, 2 + 11), TransferOf(kBulk, 2, kept, 2 + 8)})});
-    const std::vector<uint64_t> words[] = {{0x910a2dec89025cc1, 0xbeeb8da1658eec67}, {0x975835de1c9756ce}};
-    const size_t sizes[] = {2 + 11, 2 + 8};
-    for (size_t i = 0; i < 2; ++i) {
-        std::string payload(kept.begin(), kept.end());
-        for (const uint64_t word : words[i]) payload.append(reinterpret_cast<const char*>(&word), sizeof(word));
-        payload.resize(sizes[i]);
-        EXPECT_EQ(table->Steps()[i].message->content.substr(kUsbmonHeaderSize), payload) << i;
-    }
-}
-
 TEST(UsbMessageTable, FindsExactlyWhatWasMade) {
     Bytes payload(400, 7);
     const auto table = TableOf({CaptureOf({TransferOf(kBulk, 1, payload), TransferOf(kBulk, 2, payload),
@@ -150,7 +136,7 @@ TEST(UsbLatencyHistogram, StaysWithinAnEighthAboveTheTrueValue) {
 
 TEST(UsbLatencyHistogram, RanksTheSamplesOfSeveralThreadsAndLosesNone) {
     LatencyHistogram histogram;
-    EXPECT_EQ(histogram.Read().samples, 0u);
+    EXPECT_EQ(histogram.Read().samples + histogram.Read().p50Ns + histogram.Read().maxNs, 0u);
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread) {
         threads.emplace_back([&histogram] {
