@@ -1,11 +1,8 @@
 #include "standin/qscservice/Transport.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <condition_variable>
 #include <functional>
@@ -34,11 +31,6 @@ Bytes Message(uint32_t command, size_t bytes) {
     header.itemCount = 1;
     SealFrame(&frame, header);
     return frame;
-}
-
-void AwaitReadable(int fd) {
-    pollfd readable = {fd, POLLIN, 0};
-    ASSERT_EQ(poll(&readable, 1, 20000), 1);
 }
 
 // Runs a link on a thread and notes the commands of its frames.
@@ -140,29 +132,6 @@ TEST(SocketLinkTest, EndsWithAnErrorOnBytesThatAreNoFrameAndWithNoneOnACutFrame)
         reader.Join();
         EXPECT_EQ(reader.error, c.error);
         EXPECT_EQ(reader.Sequences().size(), c.delivered);
-    }
-}
-
-// The frame is larger than any socket buffer, so that the sender has to wait.
-TEST(SocketLinkTest, AFallWakesASenderThatWaits) {
-    for (const bool byPeer : {false, true}) {
-        auto [here, there] = SocketPair();
-        SocketLink sender(std::move(here));
-        bool accepted = false;
-        std::thread waiting([&] {
-            Bytes frame = Message(1, 32 << 20);
-            accepted = sender.Send(frame);
-            sender.FinishSend(frame.size(), true);
-        });
-        AwaitReadable(there.Get());
-        if (byPeer)
-            there.Reset();
-        else
-            sender.Interrupt();
-        waiting.join();
-        EXPECT_TRUE(accepted);
-        Bytes next = Message(1, 1);
-        EXPECT_FALSE(sender.Send(next));
     }
 }
 

@@ -161,13 +161,10 @@ TEST(UsbCapture, KnowsTheSizeAheadOfTheCut) {
                           {kIsochronous, '<', 2, 100, 32, 32},
                           {kIsochronous, 0, 1, 10, 300, 300}}) {
         const Bytes payload(c.captured, 7);
-        UsbRecord record = SampleRecord();
-        record.type = c.type;
+        UsbRecord record = usbimage::TransferOf(c.type, 1, payload);
         record.dataFlag = c.dataFlag;
         record.isoDescriptors = c.isoDescriptors;
         record.length = c.length;
-        record.capturedLength = c.captured;
-        record.payload = payload;
         std::string error;
         const auto capture = UsbCapture::ReadBytes(ImageOf({record}, 1 << 20), "image", &error);
         ASSERT_TRUE(capture) << error;
