@@ -1,7 +1,6 @@
 #include "standin/qscservice/CallScript.h"
 
-#include <algorithm>
-#include <cstdio>
+#include <iterator>
 
 namespace qscservice {
 
@@ -67,55 +66,27 @@ void CallScript::Fail(Op op, int times) {
     m_failures[static_cast<size_t>(op)] = times;
 }
 
-void CallScript::SucceedWith(Op op, Bool result) {
-    Lock lock(m_mutex);
-    m_success[static_cast<size_t>(op)] = result;
-}
-
-std::vector<Call> CallScript::Calls() const {
-    Lock lock(m_mutex);
-    return m_calls;
-}
-
 size_t CallScript::Count(Op op) const {
     Lock lock(m_mutex);
-    return static_cast<size_t>(
-        std::count_if(m_calls.begin(), m_calls.end(), [op](const Call& c) { return c.op == op; }));
+    return m_counts[static_cast<size_t>(op)];
 }
 
 void CallScript::ClearCalls() {
     Lock lock(m_mutex);
-    m_calls.clear();
+    m_counts = {};
 }
 
-bool CallScript::Enter(Op op, std::vector<std::string> args) {
+bool CallScript::Enter(Op op) {
     Lock lock(m_mutex);
-    m_calls.push_back({op, std::move(args)});
+    ++m_counts[static_cast<size_t>(op)];
     int& failures = m_failures[static_cast<size_t>(op)];
     if (failures == 0) return false;
     --failures;
     return true;
 }
 
-Bool CallScript::SuccessOf(Op op) const {
-    Lock lock(m_mutex);
-    const Bool success = m_success[static_cast<size_t>(op)];
-    return success != 0 ? success : TRUE;
-}
-
 void CallScript::Activate(CallScript* script) {
     s_active.store(script, std::memory_order_release);
-}
-
-std::string DescribeArgument(const char* text) {
-    return text ? text : "null";
-}
-
-std::string DescribeArgument(const void* pointer) {
-    if (!pointer) return "null";
-    char text[2 * sizeof(void*) + 3];
-    std::snprintf(text, sizeof text, "%p", pointer);
-    return text;
 }
 
 }  // namespace qscservice

@@ -3,7 +3,6 @@
 
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -14,7 +13,7 @@ namespace qscservice {
 
 class SideChannel;
 
-// One end's object. state, forcedOptions and side are guarded by the channel's m_mutex, the rest never changes, but for
+// One end's object. state and side are guarded by the channel's m_mutex, the rest never changes, but for
 // sideLink.
 struct ChannelObject {
     std::weak_ptr<ServiceChannel> channel;
@@ -25,7 +24,6 @@ struct ChannelObject {
     uint32_t number;
     void* handle;
     QSCRPC_ObjectState state;
-    std::optional<uint32_t> forcedOptions;
     std::shared_ptr<SideChannel> side{};  // from the request for it to its end
 
     // Held while a frame of the object is sent, and while its frames move from one connection to another, so that none

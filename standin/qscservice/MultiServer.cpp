@@ -170,7 +170,7 @@ bool MultiServer::StartServer(void* context, QscServerID id) {
         connection.started = true;
         channel = connection.channel;
     }
-    channel->RunInNextPoll([this, id] { CreateInstance(id); });
+    channel->RunOnDelivery([this, id] { CreateInstance(id); });
     return true;
 }
 
@@ -183,7 +183,7 @@ bool MultiServer::StopServer(QscServerID id) {
         found->second.started = false;
         channel = found->second.channel;
     }
-    channel->RunInNextPoll([this, id] { DestroyInstance(id); });
+    channel->RunOnDelivery([this, id] { DestroyInstance(id); });
     return true;
 }
 

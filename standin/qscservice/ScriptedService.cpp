@@ -134,36 +134,12 @@ void ScriptedService::Fail(Op op, int times) {
     m_script.Fail(op, times);
 }
 
-void ScriptedService::SucceedWith(Op op, Bool result) {
-    m_script.SucceedWith(op, result);
-}
-
-std::vector<Call> ScriptedService::Calls() const {
-    return m_script.Calls();
-}
-
 size_t ScriptedService::Count(Op op) const {
     return m_script.Count(op);
 }
 
 void ScriptedService::ClearCalls() {
     m_script.ClearCalls();
-}
-
-void ScriptedService::SetConnectionState(QSCService_ConnectionState state) {
-    m_channel->ForceConnectionState(state);
-}
-
-void ScriptedService::SetSessionType(QSCService_SessionType type) {
-    m_channel->ForceSessionType(type);
-}
-
-void ScriptedService::SetObjectState(const std::string& name, QSCRPC_ObjectState state) {
-    m_channel->ForceObject(name, &state, nullptr);
-}
-
-void ScriptedService::SetObjectOptions(const std::string& name, uint32_t options) {
-    m_channel->ForceObject(name, nullptr, &options);
 }
 
 bool ScriptedService::FireConnectionState(QSCService_ConnectionState current, QSCService_ConnectionState transition) {
@@ -180,12 +156,8 @@ bool ScriptedService::FirePeerObjectCreated(const char* name) {
 }
 
 bool ScriptedService::FireObjectState(const std::string& name, QSCRPC_ObjectState state) {
-    if (IsKnown(state, QSC_OBJECT_PENDING_AND_PEER_OBJ_CREATED)) m_channel->ForceObject(name, &state, nullptr);
+    if (IsKnown(state, QSC_OBJECT_PENDING_AND_PEER_OBJ_CREATED)) m_channel->ForceObjectState(name, state);
     return m_channel->FireObjectState(name);
-}
-
-void ScriptedService::RunInNextPoll(std::function<void()> action) {
-    m_channel->RunInNextPoll(std::move(action));
 }
 
 bool ScriptedService::BringUp(const std::string& controlName, const std::string& dataName) {

@@ -9,12 +9,11 @@
 //   service.Sent().back().params[0] == Value("text")          // what went out, parsed
 //   service.Deliver("UsbRedirDataObj", 1, {Value(bytes)});    // OnMsgInvoke
 //   service.Complete(id, {Value("id"), Value(bytes)});        // OnMsgDone;  service.Abort(id, TRUE, 7): OnMsgAbort
-//   service.Count(Op::Connect), service.Calls()               // what the plug-in called
+//   service.Count(Op::Connect)                                // what the plug-in called
 //
 // One ScriptedService at a time in a process.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -41,18 +40,8 @@ public:
     // The next `times` calls of the word are refused before they do anything: FALSE, 0, or state -1 as their type has
     // it.
     void Fail(Op op, int times = 1);
-    // Every call of the word from now on returns this instead of TRUE when it succeeds; 1 takes it back.
-    void SucceedWith(Op op, Bool result);
-
-    std::vector<Call> Calls() const;  // in order, all words
-    size_t Count(Op op) const;
+    size_t Count(Op op) const;  // calls of the word, refused ones too
     void ClearCalls();
-
-    // States as the table words answer them from now on; no callback is fired.
-    void SetConnectionState(QSCService_ConnectionState state);
-    void SetSessionType(QSCService_SessionType type);
-    void SetObjectState(const std::string& name, QSCRPC_ObjectState state);
-    void SetObjectOptions(const std::string& name, uint32_t options);
 
     // Callbacks with any values, through the sinks that the plug-in registered. False when there is no such sink. The
     // answers of the table words follow current (FireObjectState: state) when it is one of the known values.
@@ -62,9 +51,6 @@ public:
     bool FireChannelState(QSCService_ChannelState state) { return FireChannelState(state, state); }
     bool FirePeerObjectCreated(const char* name);
     bool FireObjectState(const std::string& name, QSCRPC_ObjectState state);
-
-    // Runs inside the plug-in's next Poll or Channel.v3.Poll, on its thread.
-    void RunInNextPoll(std::function<void()> action);
 
     // All the way to ready with these two object names: on a client fires the peer's creations, on a server expects the
     // plug-in to create them. False when a step found no sink or no object.

@@ -161,85 +161,84 @@ bool StopMulti(void* hMultiServer) {
 
 Bool RegisterServerNotifySink(void* context, const QSCService_ServerNotifySink* sink, void* hMultiServer,
                               uint32_t* cookie) {
-    if (Refused(Op::RegisterServerNotifySink, context, sink, hMultiServer, cookie)) return FALSE;
+    if (Refused(Op::RegisterServerNotifySink)) return FALSE;
     const MultiServerPtr server = FindMultiServer(hMultiServer);
-    return Answer(Op::RegisterServerNotifySink, server && sink && cookie && server->SetSink(context, *sink, cookie));
+    return server && sink && cookie && server->SetSink(context, *sink, cookie);
 }
 
 Bool UnregisterServerNotifySink(uint32_t cookie) {
-    if (Refused(Op::UnregisterServerNotifySink, cookie)) return FALSE;
+    if (Refused(Op::UnregisterServerNotifySink)) return FALSE;
     bool cleared = false;
     for (const MultiServerPtr& server : MultiServers()) cleared = cleared || server->ClearSink(cookie);
-    return Answer(Op::UnregisterServerNotifySink, cleared);
+    return cleared;
 }
 
 Bool StartServer(void* context, QscServerID id) {
-    if (Refused(Op::StartServer, context, id)) return FALSE;
+    if (Refused(Op::StartServer)) return FALSE;
     const MultiServerPtr server = ServerOf(id);
-    return Answer(Op::StartServer, server && server->StartServer(context, id));
+    return server && server->StartServer(context, id);
 }
 
 Bool StopServer(QscServerID id) {
-    if (Refused(Op::StopServer, id)) return FALSE;
+    if (Refused(Op::StopServer)) return FALSE;
     const MultiServerPtr server = ServerOf(id);
-    return Answer(Op::StopServer, server && server->StopServer(id));
+    return server && server->StopServer(id);
 }
 
 // All of the multi-server that has this connection.
 Bool StopAllServers(QscServerID id) {
-    if (Refused(Op::StopAllServers, id)) return FALSE;
+    if (Refused(Op::StopAllServers)) return FALSE;
     const MultiServerPtr server = ServerOf(id);
     if (server) server->StopAllServers();
-    return Answer(Op::StopAllServers, server != nullptr);
+    return server != nullptr;
 }
 
 void* GetServerChannel(QscServerID id) {
-    if (Refused(Op::GetServerChannel, id)) return nullptr;
+    if (Refused(Op::GetServerChannel)) return nullptr;
     const ChannelPtr channel = FindServerChannel(id);
     return channel ? channel->Handle() : nullptr;
 }
 
 int GetUniqueSerializedIdSize(QscServerID id) {
-    if (Refused(Op::GetUniqueSerializedIdSize, id)) return 0;
+    if (Refused(Op::GetUniqueSerializedIdSize)) return 0;
     const ChannelPtr channel = FindServerChannel(id);
     return channel ? static_cast<int>(channel->UniqueId().size()) + 1 : 0;
 }
 
 Bool GetUniqueSerializedId(QscServerID id, int size, char* buffer) {
-    const void* place = buffer;  // an argument to fill, not a text
-    if (Refused(Op::GetUniqueSerializedId, id, size, place)) return FALSE;
+    if (Refused(Op::GetUniqueSerializedId)) return FALSE;
     const ChannelPtr channel = FindServerChannel(id);
     if (!channel || !buffer || size <= static_cast<int>(channel->UniqueId().size())) return FALSE;
     std::memcpy(buffer, channel->UniqueId().c_str(), channel->UniqueId().size() + 1);
-    return Answer(Op::GetUniqueSerializedId, true);
+    return TRUE;
 }
 
 Bool IsUniqueSerializedIdOwner(QscServerID id, const char* serializedId) {
-    if (Refused(Op::IsUniqueSerializedIdOwner, id, serializedId)) return FALSE;
+    if (Refused(Op::IsUniqueSerializedIdOwner)) return FALSE;
     const ChannelPtr channel = FindServerChannel(id);
-    return Answer(Op::IsUniqueSerializedIdOwner, channel && serializedId && channel->UniqueId() == serializedId);
+    return channel && serializedId && channel->UniqueId() == serializedId;
 }
 
 Bool OpenMsgChannel(void* context, QscServerID id, const char* name, const QSCService_MsgChannelNotifySink* sink) {
-    if (Refused(Op::OpenMsgChannel, context, id, name, sink)) return FALSE;
+    if (Refused(Op::OpenMsgChannel)) return FALSE;
     const ChannelPtr channel = FindServerChannel(id);
-    return Answer(Op::OpenMsgChannel, channel && sink && channel->OpenMsgChannel(context, name, *sink));
+    return channel && sink && channel->OpenMsgChannel(context, name, *sink);
 }
 
 Bool GetMsgChannelInfo(QscServerID id, QscMsgChannelID msgChannel, QSCService_MsgChannelInfo* info) {
-    if (Refused(Op::GetMsgChannelInfo, id, msgChannel, info)) return FALSE;
+    if (Refused(Op::GetMsgChannelInfo)) return FALSE;
     const ChannelPtr channel = FindServerChannel(id);
-    return Answer(Op::GetMsgChannelInfo, channel && channel->GetMsgChannelInfo(msgChannel, info));
+    return channel && channel->GetMsgChannelInfo(msgChannel, info);
 }
 
 Bool CloseMsgChannel(QscMsgChannelID msgChannel) {
-    if (Refused(Op::CloseMsgChannel, msgChannel)) return FALSE;
-    return Answer(Op::CloseMsgChannel, ServiceChannel::CloseMsgChannel(msgChannel));
+    if (Refused(Op::CloseMsgChannel)) return FALSE;
+    return ServiceChannel::CloseMsgChannel(msgChannel);
 }
 
 Bool SendMsgChannel(QscMsgChannelID msgChannel, void* a, void* b, void* c) {
-    if (Refused(Op::SendMsgChannel, msgChannel, a, b, c)) return FALSE;
-    return Answer(Op::SendMsgChannel, ServiceChannel::SendMsgChannel(msgChannel, a, b, c));
+    if (Refused(Op::SendMsgChannel)) return FALSE;
+    return ServiceChannel::SendMsgChannel(msgChannel, a, b, c);
 }
 
 }  // namespace

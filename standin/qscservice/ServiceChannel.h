@@ -165,6 +165,8 @@ public:
     void PollWait(uint32_t msWait);
     // The one thread that Poll delivers on; any thread before this is called.
     void SetPollThread(std::thread::id thread);
+    // Runs the action where callbacks run: on the delivery thread, or inside a later Poll.
+    void RunOnDelivery(std::function<void()> action);
 
     // --- The current channel of a thread, behind table words without a handle.
 
@@ -224,10 +226,9 @@ public:
     // --- For ScriptedService: a peer of any kind, states and callbacks by hand.
 
     void AttachLink(const std::shared_ptr<Link>& link);
-    void RunInNextPoll(std::function<void()> action);
     void ForceConnectionState(QSCService_ConnectionState state);
     void ForceSessionType(QSCService_SessionType type);
-    bool ForceObject(const std::string& name, const QSCRPC_ObjectState* state, const uint32_t* options);
+    void ForceObjectState(const std::string& name, QSCRPC_ObjectState state);
     bool FireConnectionState(QSCService_ConnectionState current, QSCService_ConnectionState transition);
     bool FireChannelState(QSCService_ChannelState current, QSCService_ChannelState transition);
     bool FirePeerObjectCreated(const char* name);

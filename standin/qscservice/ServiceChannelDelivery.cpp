@@ -150,7 +150,7 @@ void ServiceChannel::AttachLink(const std::shared_ptr<Link>& link) {
     m_running = link;
 }
 
-void ServiceChannel::RunInNextPoll(std::function<void()> action) {
+void ServiceChannel::RunOnDelivery(std::function<void()> action) {
     Enqueue(std::move(action));
 }
 
@@ -167,13 +167,9 @@ void ServiceChannel::ForceSessionType(QSCService_SessionType type) {
     m_sessionType = type;
 }
 
-bool ServiceChannel::ForceObject(const std::string& name, const QSCRPC_ObjectState* state, const uint32_t* options) {
+void ServiceChannel::ForceObjectState(const std::string& name, QSCRPC_ObjectState state) {
     Lock lock(m_mutex);
-    const ObjectPtr object = FindObject(name);
-    if (!object) return false;
-    if (state) object->state = *state;
-    if (options) object->forcedOptions = *options;
-    return true;
+    if (const ObjectPtr object = FindObject(name)) object->state = state;
 }
 
 bool ServiceChannel::FireConnectionState(QSCService_ConnectionState current, QSCService_ConnectionState transition) {

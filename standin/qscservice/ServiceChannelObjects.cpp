@@ -29,8 +29,7 @@ bool ServiceChannel::CreateObject(const char* name, const QSCRPC_ObjectNotifySin
                                              .flags = flags,
                                              .number = 0,
                                              .handle = Registry::The().NewHandle(),
-                                             .state = QSC_OBJECT_PENDING,
-                                             .forcedOptions = {}});
+                                             .state = QSC_OBJECT_PENDING});
     {
         Lock lock(m_mutex);
         if (m_channel != QSC_CHANNEL_CONNECTED && m_options.delivery != Delivery::Manual) return false;
@@ -80,9 +79,7 @@ bool ServiceChannel::ObjectOptions(void* hObject, uint32_t* options) {
     Lock lock(channel->m_mutex);
     const auto peer = channel->m_peerObjects.find(object->name);
     *options = 0;
-    if (object->forcedOptions) {
-        *options = *object->forcedOptions;
-    } else if (peer != channel->m_peerObjects.end()) {
+    if (peer != channel->m_peerObjects.end()) {
         const uint32_t offered = channel->m_options.role == Role::Server ? object->flags : peer->second.flags;
         *options = (offered & (QSC_OBJECT_SIDE_CHANNEL_VIRTUAL | QSC_OBJECT_SIDE_CHANNEL_TCP)) |
                    (object->flags & peer->second.flags & QSC_OBJECT_SIDE_CHANNEL_SURGE);

@@ -28,31 +28,31 @@ void Poll() {
 }
 
 void PollWait(uint32_t msWait) {
-    if (Refused(Op::PollWait, msWait)) return;
+    if (Refused(Op::PollWait)) return;
     if (const ChannelPtr channel = ServiceChannel::Current()) channel->PollWait(msWait);
 }
 
 Bool RegisterChannelNotifySink(const QSCService_ChannelNotifySink* sink, void* context, uint32_t* cookie) {
-    if (Refused(Op::RegisterChannelNotifySink, sink, context, cookie)) return FALSE;
+    if (Refused(Op::RegisterChannelNotifySink)) return FALSE;
     const ChannelPtr channel = ServiceChannel::Current();
-    return Answer(Op::RegisterChannelNotifySink, channel && channel->RegisterSink(sink, context, cookie));
+    return channel && channel->RegisterSink(sink, context, cookie);
 }
 
 Bool UnregisterChannelNotifySink(uint32_t cookie) {
-    if (Refused(Op::UnregisterChannelNotifySink, cookie)) return FALSE;
-    return Answer(Op::UnregisterChannelNotifySink, ServiceChannel::UnregisterSink(cookie));
+    if (Refused(Op::UnregisterChannelNotifySink)) return FALSE;
+    return ServiceChannel::UnregisterSink(cookie);
 }
 
 Bool Connect() {
     if (Refused(Op::Connect)) return FALSE;
     const ChannelPtr channel = ServiceChannel::Current();
-    return Answer(Op::Connect, channel && channel->Connect());
+    return channel && channel->Connect();
 }
 
 Bool Disconnect() {
     if (Refused(Op::Disconnect)) return FALSE;
     const ChannelPtr channel = ServiceChannel::Current();
-    return Answer(Op::Disconnect, channel && channel->Disconnect());
+    return channel && channel->Disconnect();
 }
 
 QSCService_ConnectionState GetConnectionState() {
@@ -62,8 +62,8 @@ QSCService_ConnectionState GetConnectionState() {
 }
 
 Bool SwitchToStreamData(const char* name, void* hChannel, int* fd) {
-    if (Refused(Op::SwitchToStreamData, name, hChannel, fd)) return FALSE;
-    return Answer(Op::SwitchToStreamData, ServiceChannel::SwitchToStreamData(name, hChannel, fd));
+    if (Refused(Op::SwitchToStreamData)) return FALSE;
+    return ServiceChannel::SwitchToStreamData(name, hChannel, fd);
 }
 
 QSCService_SessionType GetSessionType() {
@@ -76,59 +76,59 @@ QSCService_SessionType GetSessionType() {
 
 Bool CreateChannelObject(const char* name, const QSCRPC_ObjectNotifySink* sink, void* context, uint32_t flags,
                          void** hObject) {
-    if (Refused(Op::CreateChannelObject, name, sink, context, flags, hObject)) return FALSE;
+    if (Refused(Op::CreateChannelObject)) return FALSE;
     const ChannelPtr channel = ServiceChannel::Current();
-    return Answer(Op::CreateChannelObject, channel && channel->CreateObject(name, sink, context, flags, hObject));
+    return channel && channel->CreateObject(name, sink, context, flags, hObject);
 }
 
 Bool DestroyChannelObject(void* hObject) {
-    if (Refused(Op::DestroyChannelObject, hObject)) return FALSE;
-    return Answer(Op::DestroyChannelObject, ServiceChannel::DestroyObject(hObject));
+    if (Refused(Op::DestroyChannelObject)) return FALSE;
+    return ServiceChannel::DestroyObject(hObject);
 }
 
 QSCRPC_ObjectState GetObjectState(void* hObject) {
-    if (Refused(Op::GetObjectState, hObject)) return QSC_OBJECT_UNINITIALIZED;
+    if (Refused(Op::GetObjectState)) return QSC_OBJECT_UNINITIALIZED;
     return ServiceChannel::ObjectState(hObject);
 }
 
 Bool CreateContext(void* hObject, void** hContext) {
-    if (Refused(Op::CreateContext, hObject, hContext)) return FALSE;
-    return Answer(Op::CreateContext, ServiceChannel::CreateContext(hObject, 0, hContext));
+    if (Refused(Op::CreateContext)) return FALSE;
+    return ServiceChannel::CreateContext(hObject, 0, hContext);
 }
 
 Bool CreateContextEx(void* hObject, uint32_t options, void** hContext) {
-    if (Refused(Op::CreateContextEx, hObject, options, hContext)) return FALSE;
-    return Answer(Op::CreateContextEx, ServiceChannel::CreateContext(hObject, options, hContext));
+    if (Refused(Op::CreateContextEx)) return FALSE;
+    return ServiceChannel::CreateContext(hObject, options, hContext);
 }
 
 // The move to Free decides between two callers with the same handle.
 Bool DestroyContext(void* hContext) {
-    if (Refused(Op::DestroyContext, hContext)) return FALSE;
+    if (Refused(Op::DestroyContext)) return FALSE;
     MessageContext* context = ContextTable::Find(hContext);
     if (!context || !context->Move(MessageContext::State::Own, MessageContext::State::Free)) return FALSE;
     ContextTable::Release(context);
-    return Answer(Op::DestroyContext, true);
+    return TRUE;
 }
 
 Bool Invoke(void* hObject, void* hContext, const QSCRPC_ContextNotifySink* sink, void* context) {
-    if (Refused(Op::Invoke, hObject, hContext, sink, context)) return FALSE;
-    return Answer(Op::Invoke, ServiceChannel::Invoke(hObject, hContext, sink, context));
+    if (Refused(Op::Invoke)) return FALSE;
+    return ServiceChannel::Invoke(hObject, hContext, sink, context);
 }
 
 Bool IsSideChannelAvailable(uint32_t type) {
-    if (Refused(Op::IsSideChannelAvailable, type)) return FALSE;
+    if (Refused(Op::IsSideChannelAvailable)) return FALSE;
     const ChannelPtr channel = ServiceChannel::Current();
-    return Answer(Op::IsSideChannelAvailable, channel && channel->IsSideChannelAvailable(type));
+    return channel && channel->IsSideChannelAvailable(type);
 }
 
-Bool RequestSideChannel(void* hObject, uint32_t type, const char* name) {
-    if (Refused(Op::RequestSideChannel, hObject, type, name)) return FALSE;
-    return Answer(Op::RequestSideChannel, ServiceChannel::RequestSideChannel(hObject, type));
+Bool RequestSideChannel(void* hObject, uint32_t type, const char*) {
+    if (Refused(Op::RequestSideChannel)) return FALSE;
+    return ServiceChannel::RequestSideChannel(hObject, type);
 }
 
 Bool GetObjectOptions(void* hObject, uint32_t* options) {
-    if (Refused(Op::GetObjectOptions, hObject, options)) return FALSE;
-    return Answer(Op::GetObjectOptions, ServiceChannel::ObjectOptions(hObject, options));
+    if (Refused(Op::GetObjectOptions)) return FALSE;
+    return ServiceChannel::ObjectOptions(hObject, options);
 }
 
 // The channel context table.
@@ -162,75 +162,74 @@ bool ReadVariant(void* hContext, ItemRole role, int index, QSC_RPC_VARIANT* vari
 }
 
 uint32_t GetId(void* hContext) {
-    if (Refused(Op::GetId, hContext)) return 0;
+    if (Refused(Op::GetId)) return 0;
     const MessageContext* context = ContextTable::Find(hContext);
     return context ? context->requestId : 0;
 }
 
 uint32_t GetCommand(void* hContext) {
-    if (Refused(Op::GetCommand, hContext)) return 0;
+    if (Refused(Op::GetCommand)) return 0;
     const MessageContext* context = ContextTable::Find(hContext);
     return context ? context->command : 0;
 }
 
 Bool SetCommand(void* hContext, uint32_t command) {
-    if (Refused(Op::SetCommand, hContext, command)) return FALSE;
+    if (Refused(Op::SetCommand)) return FALSE;
     MessageContext* context = FindOwn(hContext);
     if (!context) return FALSE;
     context->command = command;
-    return Answer(Op::SetCommand, true);
+    return TRUE;
 }
 
 int GetParamCount(void* hContext) {
-    return Refused(Op::GetParamCount, hContext) ? 0 : CountOf(hContext, ItemRole::Param);
+    return Refused(Op::GetParamCount) ? 0 : CountOf(hContext, ItemRole::Param);
 }
 
 Bool AppendParam(void* hContext, const QSC_RPC_VARIANT* value) {
-    if (Refused(Op::AppendParam, hContext, value)) return FALSE;
-    return Answer(Op::AppendParam, AppendTo(hContext, ItemRole::Param, {}, value));
+    if (Refused(Op::AppendParam)) return FALSE;
+    return AppendTo(hContext, ItemRole::Param, {}, value);
 }
 
 Bool GetParam(void* hContext, int index, QSC_RPC_VARIANT* value) {
-    if (Refused(Op::GetParam, hContext, index, value)) return FALSE;
-    return Answer(Op::GetParam, ReadVariant(hContext, ItemRole::Param, index, value));
+    if (Refused(Op::GetParam)) return FALSE;
+    return ReadVariant(hContext, ItemRole::Param, index, value);
 }
 
 Bool AppendNamedParam(void* hContext, const char* name, const QSC_RPC_VARIANT* value) {
-    if (Refused(Op::AppendNamedParam, hContext, name, value)) return FALSE;
-    return Answer(Op::AppendNamedParam, name && AppendTo(hContext, ItemRole::NamedParam, name, value));
+    if (Refused(Op::AppendNamedParam)) return FALSE;
+    return name && AppendTo(hContext, ItemRole::NamedParam, name, value);
 }
 
 // A name that is too long for the buffer is cut, and always terminated.
 Bool GetNamedParam(void* hContext, int index, char* name, int nameSize, QSC_RPC_VARIANT* value) {
-    const void* buffer = name;  // an argument to fill, not a text
-    if (Refused(Op::GetNamedParam, hContext, index, buffer, nameSize, value)) return FALSE;
+    if (Refused(Op::GetNamedParam)) return FALSE;
     Item item;
     if (!name || nameSize < 1 || !value || !ReadFrom(hContext, ItemRole::NamedParam, index, &item)) return FALSE;
     name[item.name.copy(name, static_cast<size_t>(nameSize) - 1)] = '\0';
     *value = ToVariant(item.value);
-    return Answer(Op::GetNamedParam, true);
+    return TRUE;
 }
 
 int GetReturnValCount(void* hContext) {
-    return Refused(Op::GetReturnValCount, hContext) ? 0 : CountOf(hContext, ItemRole::ReturnValue);
+    return Refused(Op::GetReturnValCount) ? 0 : CountOf(hContext, ItemRole::ReturnValue);
 }
 
 Bool AppendReturnVal(void* hContext, const QSC_RPC_VARIANT* value) {
-    if (Refused(Op::AppendReturnVal, hContext, value)) return FALSE;
-    return Answer(Op::AppendReturnVal, AppendTo(hContext, ItemRole::ReturnValue, {}, value));
+    if (Refused(Op::AppendReturnVal)) return FALSE;
+    return AppendTo(hContext, ItemRole::ReturnValue, {}, value);
 }
 
 Bool GetReturnVal(void* hContext, int index, QSC_RPC_VARIANT* value) {
-    if (Refused(Op::GetReturnVal, hContext, index, value)) return FALSE;
-    return Answer(Op::GetReturnVal, ReadVariant(hContext, ItemRole::ReturnValue, index, value));
+    if (Refused(Op::GetReturnVal)) return FALSE;
+    return ReadVariant(hContext, ItemRole::ReturnValue, index, value);
 }
 
 Bool SetOption(void* hContext, uint32_t option, const QSC_RPC_VARIANT* value) {
-    if (Refused(Op::SetOption, hContext, option, value)) return FALSE;
+    if (Refused(Op::SetOption)) return FALSE;
     MessageContext* context = FindOwn(hContext);
     if (!context || option != QSC_CONTEXT_OPTION_POST || !value || value->vt != QSC_VT_UI4) return FALSE;
     context->post = value->uint32Val != 0;
-    return Answer(Op::SetOption, true);
+    return TRUE;
 }
 
 // The tables, and the versions of them.
@@ -348,13 +347,13 @@ void Offer(Table table, VersionSet versions) {
 }
 
 Bool QueryInterface(const QSC_INTERFACE_ID* id, void* table) {
-    if (Refused(Op::QueryInterface, id ? id->bytes[4] : -1, table) || !id || !table) return FALSE;
+    if (Refused(Op::QueryInterface) || !id || !table) return FALSE;
     const VersionSet offered = gOffered.load(std::memory_order_relaxed);
     for (size_t i = 0; i < std::size(kVersions); ++i) {
         const QSC_INTERFACE_ID known = QSC_MakeInterfaceId(kVersions[i].id);
         if ((offered >> i & 1) == 0 || std::memcmp(id->bytes, known.bytes, sizeof known.bytes) != 0) continue;
         std::memcpy(table, kVersions[i].words, kVersions[i].size);
-        return Answer(Op::QueryInterface, true);
+        return TRUE;
     }
     return FALSE;
 }

@@ -34,45 +34,45 @@ bool OwnsString(const QSC_RPC_VARIANT& variant) {
 }
 
 Bool VariantInit(QSC_RPC_VARIANT* variant) {
-    if (Refused(Op::VariantInit, static_cast<const void*>(variant)) || !variant) return FALSE;
+    if (Refused(Op::VariantInit) || !variant) return FALSE;
     *variant = {};
-    return Answer(Op::VariantInit, true);
+    return TRUE;
 }
 
 Bool VariantClear(QSC_RPC_VARIANT* variant) {
-    if (Refused(Op::VariantClear, static_cast<const void*>(variant)) || !variant) return FALSE;
+    if (Refused(Op::VariantClear) || !variant) return FALSE;
     if (OwnsString(*variant)) std::free(variant->str);
     *variant = {};
-    return Answer(Op::VariantClear, true);
+    return TRUE;
 }
 
 template <uint16_t kKind, class T>
 Bool VariantFromNumber(QSC_RPC_VARIANT* variant, T value) {
-    if (Refused(Op::VariantFrom, static_cast<const void*>(variant)) || !variant) return FALSE;
+    if (Refused(Op::VariantFrom) || !variant) return FALSE;
     *variant = {};
     variant->vt = kKind;
     std::memcpy(&variant->uint64Val, &value, sizeof value);
-    return Answer(Op::VariantFrom, true);
+    return TRUE;
 }
 
 Bool VariantFromString(QSC_RPC_VARIANT* variant, const char* value) {
-    if (Refused(Op::VariantFrom, static_cast<const void*>(variant), value) || !variant || !value) return FALSE;
+    if (Refused(Op::VariantFrom) || !variant || !value) return FALSE;
     char* copy = strdup(value);
     if (!copy) return FALSE;
     *variant = {};
     variant->vt = QSC_VT_LPSTR;
     std::memcpy(variant->reserved, kOwned, sizeof kOwned);
     variant->str = copy;
-    return Answer(Op::VariantFrom, true);
+    return TRUE;
 }
 
 Bool VariantFromBlob(QSC_RPC_VARIANT* variant, const QSC_RPC_BLOB* value) {
-    if (Refused(Op::VariantFrom, static_cast<const void*>(variant), static_cast<const void*>(value))) return FALSE;
+    if (Refused(Op::VariantFrom)) return FALSE;
     if (!variant || !value || (!value->data && value->size != 0)) return FALSE;
     *variant = {};
     variant->vt = QSC_VT_BLOB;
     variant->blob = *value;
-    return Answer(Op::VariantFrom, true);
+    return TRUE;
 }
 
 }  // namespace
