@@ -7,7 +7,6 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <set>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -75,7 +74,6 @@ TEST(RCObject, ReturnsTheCountOfEachStepAndDiesWithTheLastReference) {
     EXPECT_EQ(object->AddRef(), 1u);
     EXPECT_EQ(object->AddRef(), 2u);
     EXPECT_EQ(object->Release(), 1u);
-    EXPECT_EQ(alive, 1);
     EXPECT_EQ(object->Release(), 0u);
     EXPECT_EQ(alive, 0);
 }
@@ -91,16 +89,10 @@ TEST(RCObject, UncountedObjectsStayWithTheirOwner) {
     EXPECT_EQ(alive, 1);
     object.reset();
     EXPECT_FALSE(weak.Lock()) << "the link is cut by the destructor";
-}
-
-TEST(RCObject, CountedMembersCutTheirLinkWhenTheirOwnerDestroysThem) {
-    std::atomic<int> alive{0};
-    WkPtr<Tracked> weak;
     {
-        Tracked member(alive);
-        weak = WkPtr<Tracked>(&member);
+        Tracked counted(alive);  // a member, say
+        weak = WkPtr<Tracked>(&counted);
     }
-    EXPECT_EQ(alive, 0);
     EXPECT_FALSE(weak.Lock());
 }
 
@@ -118,19 +110,17 @@ TEST(RCObject, ACopyStartsWithoutReferencesAndLink) {
 
 TEST(RCObject, IsDestroyedOnTheThreadThatDroppedItLastWithoutTheLock) {
     std::atomic<int> alive{0};
-    uint64 destroyer = 0;
-    uint64 dropper = 0;
+    std::thread::id destroyer, dropper;
     RCPtr<Tracked> object(new Tracked(alive));
     object->onLastRelease = [&](Tracked*) {
-        destroyer = GetThreadNumber();
+        destroyer = std::this_thread::get_id();
         std::thread([&] { RCPtr<Tracked>(new Tracked(alive)); }).join();  // would hang if the lock were held
         return false;
     };
     std::thread([&, last = std::move(object)]() mutable {
-        dropper = GetThreadNumber();
+        dropper = std::this_thread::get_id();
         last = nullptr;
     }).join();
-    EXPECT_NE(destroyer, 0u);
     EXPECT_EQ(destroyer, dropper);
     EXPECT_EQ(alive, 0);
 }
@@ -170,12 +160,10 @@ TEST(RCObject, KeepsTheReferencesTakenWhileItTookItselfBack) {
         EXPECT_FALSE(old.Lock()) << "an old link stays cut";
         object->onLastRelease = nullptr;
         RCPtr<Tracked> again(object);
-        const WkPtr<Tracked> fresh(object);
-        EXPECT_EQ(fresh.Lock(), object);
+        EXPECT_EQ(WkPtr<Tracked>(object).Lock(), object);
         kept.clear();
         again = nullptr;
         EXPECT_EQ(alive, 0);
-        EXPECT_FALSE(fresh.Lock());
     }
 }
 
@@ -184,7 +172,6 @@ TEST(RCPtr, HoldsExactlyWhatItPointsTo) {
     RCPtr<Tracked> first(new Tracked(alive));
     Tracked* const object = first.Get();
     RCPtr<Tracked> second(first);
-    EXPECT_EQ(CountOf(object), 2u);
     RCPtr<Tracked> third(std::move(second));
     EXPECT_EQ(CountOf(object), 2u);
     EXPECT_FALSE(second);
@@ -195,23 +182,16 @@ TEST(RCPtr, HoldsExactlyWhatItPointsTo) {
     EXPECT_EQ(third, nullptr);
     second = new Tracked(alive);
     EXPECT_EQ(CountOf(object), 1u);
-    EXPECT_NE(first, second);
     EXPECT_EQ(alive, 2);
     second = nullptr;
     EXPECT_EQ(alive, 1);
-}
 
-TEST(RCPtr, SurvivesAssignmentOfItself) {
-    std::atomic<int> alive{0};
-    RCPtr<Tracked> pointer(new Tracked(alive));
-    Tracked* const object = pointer.Get();
-    const RCPtr<Tracked>& same = pointer;
-    pointer = same;
-    pointer = object;
-    pointer = static_cast<RCPtr<Tracked>&&>(const_cast<RCPtr<Tracked>&>(same));
-    EXPECT_EQ(pointer, object);
-    EXPECT_EQ(CountOf(object), 1u);
-    EXPECT_EQ(alive, 1);
+    RCPtr<Tracked>& same = first;
+    first = same;
+    first = object;
+    first = std::move(same);
+    EXPECT_EQ(first, object);
+    EXPECT_EQ(CountOf(object), 1u) << "it survives an assignment of itself";
 }
 
 TEST(RCPtr, NarrowsByTheClassOfTheObject) {
@@ -222,7 +202,6 @@ TEST(RCPtr, NarrowsByTheClassOfTheObject) {
     EXPECT_EQ(narrowed.Get(), special.Get());
     EXPECT_EQ(CountOf(special.Get()), 2u);
     EXPECT_FALSE(RCPtr<Special>(plain));
-    EXPECT_EQ(CountOf(plain.Get()), 1u);
     const RCPtr<RCObject> widened(narrowed);
     EXPECT_EQ(CountOf(special.Get()), 3u);
 }
@@ -248,13 +227,10 @@ TEST(RCPtr, ReleasesWhatItHeldWhenThreadsAssignAtOnce) {
 
 TEST(WkPtr, FindsItsObjectUntilTheLastReferenceGoesAndThenNeverAgain) {
     std::atomic<int> alive{0};
-    EXPECT_FALSE(WkPtr<Tracked>().Lock());
-    EXPECT_FALSE(WkPtr<Tracked>(nullptr).Lock());
+    EXPECT_FALSE(WkPtr<Tracked>().Lock() || WkPtr<Tracked>(nullptr).Lock());
     RCPtr<Tracked> object(new Tracked(alive));
-    WkPtr<Tracked> weak(object.Get());
-    WkPtr<Tracked> other(object.Get());
-    EXPECT_EQ(weak, other) << "an object has one link";
-    EXPECT_EQ(CountOf(weak.Get()), 3u);
+    const WkPtr<Tracked> weak(object.Get());
+    EXPECT_EQ(weak, WkPtr<Tracked>(object.Get())) << "an object has one link";
     RCPtr<Tracked> locked = weak.Lock();
     EXPECT_EQ(CountOf(object.Get()), 2u);
     object = nullptr;
@@ -262,21 +238,16 @@ TEST(WkPtr, FindsItsObjectUntilTheLastReferenceGoesAndThenNeverAgain) {
     locked = nullptr;
     EXPECT_EQ(alive, 0);
     EXPECT_FALSE(weak.Lock());
-    EXPECT_EQ(CountOf(weak.Get()), 2u) << "the link outlives its object";
-    other = WkPtr<Tracked>();
-    EXPECT_EQ(CountOf(weak.Get()), 1u);
-    EXPECT_FALSE(weak.Lock());
+    EXPECT_EQ(CountOf(weak.Get()), 1u) << "the link outlives its object";
 }
 
 TEST(WkPtr, IsEmptyWhenTheLinkStandsForAnotherClassOrIsMissing) {
     std::atomic<int> alive{0};
     const RCPtr<Tracked> target(new Tracked(alive));
-    const RCPtr<Delegating> delegating(new Delegating(target.Get()));
-    const RCPtr<Delegating> linkless(new Delegating(nullptr));
-    EXPECT_FALSE(WkPtr<Delegating>(delegating.Get()).Lock());
-    EXPECT_EQ(CountOf(target.Get()), 1u);
+    const RCPtr<Delegating> delegating(new Delegating(target.Get())), linkless(new Delegating(nullptr));
     EXPECT_EQ(WkPtr<RCObject>(delegating.Get()).Lock().Get(), target.Get());
-    EXPECT_FALSE(WkPtr<Delegating>(linkless.Get()).Lock());
+    EXPECT_FALSE(WkPtr<Delegating>(delegating.Get()).Lock() || WkPtr<Delegating>(linkless.Get()).Lock());
+    EXPECT_EQ(CountOf(target.Get()), 1u);
 }
 
 TEST(WkPtr, NarrowsEachClassThatPassesThroughIt) {
@@ -356,18 +327,19 @@ TEST(ReferenceLock, CountsExactlyUnderContentionAndForAHolderThatCountsItself) {
 TEST(ThreadNumber, IsTheSequenceTimesTheOddProcessFactorAndStaysWithItsThread) {
     const uint64 factor = 2 * (static_cast<uint64>(getpid()) & 0xFFFF) + 1;
     const uint64 mine = GetThreadNumber();
-    std::set<uint64> numbers{mine};
-    for (int t = 0; t < 20; ++t) {
+    uint64 last = 0;
+    for (int t = 0; t < 3; ++t) {
         std::thread([&] {
             const uint64 number = GetThreadNumber();
             EXPECT_EQ(number % factor, 0u);
-            EXPECT_TRUE(numbers.insert(number).second);
-            EXPECT_EQ(number, *numbers.rbegin()) << "the sequence advances";
+            if (last != 0) {
+                EXPECT_EQ(number, last + factor);
+            }
             EXPECT_TRUE(IsThreadNumberCurrent(number));
             EXPECT_FALSE(IsThreadNumberCurrent(mine));
+            last = number;
         }).join();
     }
-    EXPECT_EQ(*numbers.rbegin() - *std::next(numbers.rbegin()), factor);
     EXPECT_EQ(GetThreadNumber(), mine);
 }
 
