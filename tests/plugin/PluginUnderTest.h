@@ -40,10 +40,15 @@ protected:
     }
 
     void TearDown() override {
-        DestroyInstance();
-        if (initialised) QSCService_PluginExit();
+        Exit();
         QSCUsbRedirectionPlugin_Exit();
         EXPECT_EQ(service.UnsentContexts(), 0u);
+    }
+
+    void Exit() {
+        DestroyInstance();
+        if (initialised) QSCService_PluginExit();
+        initialised = false;
     }
 
     static void SetArgs(const std::string& enabled, const std::string& load, const std::string& pid = "desk") {

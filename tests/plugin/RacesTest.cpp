@@ -78,9 +78,7 @@ TEST_F(Races, ReportAndReadyTellTheClientExactlyOnce) {
         reporter.join();
         ASSERT_EQ(Heard(), Texts{"init done " + Identity()});
         service.BringDown();
-        DestroyInstance();
-        QSCService_PluginExit();
-        initialised = false;
+        Exit();
     }
 }
 

@@ -42,16 +42,11 @@ TEST_F(AgentMessages, ActOnThisSideOrAreRefused) {
     const uint64_t big = (uint64_t{1} << 32) + 5;
     StartReady();
     for (const Case& c : std::vector<Case>{
-             {0, {Value("Filter"), Value(kBlob)}, {}, {"Usbd_SetUsbDeviceFilterEnabledStatus 1"}, {"filter on"}},
              {0, {Value("filter"), Value(kEmptyBlob)}, {}, {"Usbd_SetUsbDeviceFilterEnabledStatus 1"}, {"filter on"}},
              {0, {Value("UNFILTER"), Value(kBlob)}, {}, {"Usbd_SetUsbDeviceFilterEnabledStatus 0"}, {"filter off"}},
              {0, {Value("HIDOptOperation"), Value(kBlob)}, {}, {"Usbd_PostHIDOptOperationMsg"}},
              {0, {Value("hidoptoperation"), Value(kEmptyBlob), Value(1u)}, {}, {"Usbd_PostHIDOptOperationMsg"}},
              {0, {Value("UnplugDevice"), Value(kBlob)}, unsupported("UnplugDevice"), {}},
-             {0, {Value("PlugInDevice"), Value(kBlob)}, unsupported("PlugInDevice"), {}},
-             {0, {Value("IsUsbAvailable"), Value(kBlob)}, unsupported("IsUsbAvailable"), {}},
-             {0, {Value("ClientStartup"), Value(kBlob)}, unsupported("ClientStartup"), {}},
-             {0, {Value("UemIsReady"), Value(kBlob)}, unsupported("UemIsReady"), {}},
              {0, {Value(""), Value(kBlob)}, unsupported(""), {}},
              {0, {Value("Filters"), Value(kBlob)}, unsupported("Filters"), {}},
              {0, {}, {"Failed to get message type at index 0.\n", failed0}, {}},
@@ -87,27 +82,21 @@ TEST_F(AgentMessages, ActOnThisSideOrAreRefused) {
     }
 }
 
-TEST_F(AgentMessages, LogTheFilterStatusAndTheMissingOperations) {
-    StartReady();
-    service.Deliver(kData, 0, {Value("Filter"), Value(kBlob)});
-    service.Deliver(kData, 0, {Value("UnFilter"), Value(kBlob)});
-    service.Deliver(kData, 2, {});
-    Texts lines;
-    for (const std::string& text : log.Texts(kLogInfo)) {
-        if (text.find("status from agent") != text.npos || text.find("not implemented") != text.npos)
-            lines.push_back(text);
-    }
-    EXPECT_EQ(lines, (Texts{"The filter status from agent is enabled.\n", "The filter status from agent is disabled.\n",
-                            "The method ParseRequest is not implemented.\n"}));
-}
-
-TEST_F(AgentMessages, ReachTheDaemonWithAllTheirBytes) {
+TEST_F(AgentMessages, ReachTheDaemonWithAllTheirBytesAndLogTheirParts) {
     StartReady();
     const std::string bytes(kBlob.begin(), kBlob.end());
     service.Deliver(kData, 0, {Value("HIDOptOperation"), Value(kBlob)});
     EXPECT_EQ(FakeUsbd::Calls().back().bytes, bytes);
     service.Deliver(kData, 1, {Value(7u), Value(uint64_t{8}), Value(uint64_t{9}), Value(kBlob)});
     EXPECT_EQ(FakeUsbd::Calls().back().bytes, bytes);
+    for (const char* line :
+         {"Message queue id is [7].\n", "Header length is [8].\n", "Trailer is [9].\n", "Blob size is [3].\n"}) {
+        EXPECT_TRUE(log.Has(kLogTrace, line)) << line;
+    }
+    service.Deliver(kData, 0, {Value("Filter"), Value(kBlob)});
+    service.Deliver(kData, 0, {Value("UnFilter"), Value(kBlob)});
+    EXPECT_TRUE(log.Has(kLogInfo, "The filter status from agent is enabled.\n"));
+    EXPECT_TRUE(log.Has(kLogInfo, "The filter status from agent is disabled.\n"));
 }
 
 // Tables over one message whose answers the test sets: what the service's model never does.
@@ -183,7 +172,6 @@ TEST_F(UsbCommands, NameTheParameterThatCouldNotBeAdded) {
             EXPECT_EQ(log.Texts(kLogError), expected);
         }
     }
-    EXPECT_TRUE(log.Lines().size() > 0);
 }
 
 TEST_F(UsbCommands, RefuseAMessageOfAnotherNumber) {
@@ -197,49 +185,20 @@ TEST_F(UsbCommands, RefuseAMessageOfAnotherNumber) {
 }
 
 TEST_F(UsbCommands, TakeNoValueWithoutContentFromTheService) {
-    struct Case {
-        const char* what;
-        bool initWorks;
-        uint16_t vt;
-    };
-    for (const Case& c :
-         {Case{"string without text", true, QSC_VT_LPSTR}, {"variant not initialised", false, QSC_VT_LPSTR}}) {
-        SCOPED_TRACE(c.what);
-        log.Clear();
-        Misbehaving::initWorks = c.initWorks;
-        Misbehaving::param.vt = c.vt;
-        EXPECT_FALSE(Make(0)->ParseRequest());
-        EXPECT_EQ(log.Texts(kLogError), std::vector<std::string>{"Failed to get message type at index 0.\n"});
-    }
-    EXPECT_TRUE(FakeUsbd::Texts().empty());
+    Misbehaving::param.vt = QSC_VT_LPSTR;  // and no text
+    EXPECT_FALSE(Make(0)->ParseRequest());
+    Misbehaving::initWorks = false;
+    EXPECT_FALSE(Make(0)->ParseRequest());
+    EXPECT_EQ(log.Texts(kLogError), std::vector<std::string>(2, "Failed to get message type at index 0.\n"));
 }
 
 TEST_F(UsbCommands, SayWhichOperationsTheyLack) {
-    struct Case {
-        uint32_t command;
-        void (*call)(UsbQSCServiceCommand&);
-        const char* line;
-    };
-    for (const Case& c :
-         {Case{0, [](UsbQSCServiceCommand& m) { EXPECT_FALSE(m.CreateResponse()); },
-               "The method CreateResponse is not implemented.\n"},
-          {1, [](UsbQSCServiceCommand& m) { EXPECT_FALSE(m.ParseResponse()); },
-           "The method ParseResponse is not implemented.\n"},
-          {2, [](UsbQSCServiceCommand& m) { EXPECT_FALSE(m.ParseRequest()); },
-           "The method ParseRequest is not implemented.\n"},
-          {2, [](UsbQSCServiceCommand& m) { EXPECT_EQ(m.UsbQSCServiceCommand::CreateRequest(), nullptr); },
-           "The method CreateRequest is not implemented.\n"}}) {
-        log.Clear();
-        c.call(*Make(c.command));
-        EXPECT_TRUE(log.Has(kLogInfo, c.line)) << c.line;
+    EXPECT_FALSE(Make(0)->CreateResponse() || Make(1)->ParseResponse() || Make(2)->ParseRequest());
+    EXPECT_EQ(Make(2)->UsbQSCServiceCommand::CreateRequest(), nullptr);
+    for (const char* name : {"CreateResponse", "ParseResponse", "ParseRequest", "CreateRequest"}) {
+        EXPECT_TRUE(log.Has(kLogInfo, std::string("The method ") + name + " is not implemented.\n")) << name;
     }
-}
-
-TEST_F(UsbCommands, TellTheFilterTypesApart) {
     UsbPostMsgClientCommand command(&context, &variant, this);
-    EXPECT_EQ(command.GetFilterMsgType("FILTER"), FilterMsgType::Filter);
-    EXPECT_EQ(command.GetFilterMsgType("UnFilter"), FilterMsgType::UnFilter);
-    EXPECT_TRUE(log.Texts(kLogError).empty());
     EXPECT_EQ(command.GetFilterMsgType("UemIsReady"), FilterMsgType::None);
     EXPECT_EQ(command.GetFilterMsgType(nullptr), FilterMsgType::None);
     EXPECT_EQ(log.Texts(kLogError), (std::vector<std::string>{"Unsupported filter msg type(UemIsReady) from agent.\n",

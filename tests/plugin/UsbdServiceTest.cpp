@@ -4,19 +4,29 @@
 
 namespace {
 
-using Service = PluginUnderTest;
-
-TEST_F(Service, RegistersTheMessageCallbacksOnlyForTheVirtualChannel) {
-    const Texts registrations{"Usbd_SetPostMsgCb", "Usbd_SetPostMsgFastCb", "Usbd_SetPostHIDOptMsgFastCb",
-                              "Usbd_SetSendAsyncMsgCb"};
-    for (const auto& [enabled, channel] : std::vector<std::pair<std::string, std::string>>{
-             {"TRUE", "virtual"}, {"tRuE", "virtual"}, {"", "MFW"}, {"FALSE", "MFW"}, {"TRUEX", "MFW"}}) {
-        SCOPED_TRACE(enabled);
+class Service : public PluginUnderTest {
+protected:
+    void PowerOn(const std::string& enabled) {
         FakeUsbd::Reset();
         log.Clear();
         SetArgs(enabled, "TRUE");
         ASSERT_TRUE(gUsbRedirectionClient.PowerOnUsbdService());
         ASSERT_NE(FakeUsbd::WaitForStart(), "");
+    }
+
+    static UsbRedirectionClient::UsbdInitReport Report() {
+        KxMutexGuard guard(gUsbdStateLock);
+        return gUsbRedirectionClient.GetUsbdInitReport();
+    }
+};
+
+TEST_F(Service, RegistersTheMessageCallbacksOnlyForTheVirtualChannel) {
+    const Texts registrations{"Usbd_SetPostMsgCb", "Usbd_SetPostMsgFastCb", "Usbd_SetPostHIDOptMsgFastCb",
+                              "Usbd_SetSendAsyncMsgCb"};
+    for (const auto& [enabled, channel] :
+         std::vector<std::pair<std::string, std::string>>{{"tRuE", "virtual"}, {"", "MFW"}, {"TRUEX", "MFW"}}) {
+        SCOPED_TRACE(enabled);
+        PowerOn(enabled);
         Texts expected{"SetUsbdInitDoneNotifCb"};
         if (channel == "virtual") expected.insert(expected.end(), registrations.begin(), registrations.end());
         expected.push_back("StartUsbd 3 velmora-client-usbd " + enabled + " " + Identity());
@@ -31,8 +41,8 @@ TEST_F(Service, RegistersTheMessageCallbacksOnlyForTheVirtualChannel) {
 }
 
 TEST_F(Service, StartsTheDaemonWithThePluginOnlyIfAskedTo) {
-    for (const auto& [load, starts] : std::vector<std::pair<std::string, bool>>{
-             {"TRUE", true}, {"true", true}, {"", false}, {"FALSE", false}, {"1", false}}) {
+    for (const auto& [load, starts] :
+         std::vector<std::pair<std::string, bool>>{{"true", true}, {"", false}, {"1", false}}) {
         SCOPED_TRACE(load);
         FakeUsbd::Reset();
         log.Clear();
@@ -43,13 +53,12 @@ TEST_F(Service, StartsTheDaemonWithThePluginOnlyIfAskedTo) {
         if (starts) {
             EXPECT_NE(FakeUsbd::WaitForStart(), "");
         }
-        EXPECT_EQ(QSCService_PluginExit(), TRUE);
+        Exit();
         EXPECT_TRUE(log.Has(kLogInfo, "Power off Usbd service.\n"));
         EXPECT_EQ(log.Count("Usbd service thread is not started.\n"), starts ? 0u : 1u);
         EXPECT_EQ(FakeUsbd::Count("StopUsbd 0"), starts ? 1u : 0u);
         EXPECT_FALSE(gUsbStartupArgs);
     }
-    initialised = false;
 }
 
 TEST_F(Service, StartsTheDaemonLaterThroughTheDispatchRecordAndOnlyOnce) {
@@ -64,8 +73,7 @@ TEST_F(Service, StartsTheDaemonLaterThroughTheDispatchRecordAndOnlyOnce) {
     EXPECT_EQ(log.Count("Usbd service thread has already started.\n"), 0u);
     EXPECT_TRUE(gUsbRedirectionClient.PowerOnUsbdService());
     EXPECT_TRUE(log.Has(kLogInfo, "Usbd service thread has already started.\n"));
-    QSCService_PluginExit();
-    initialised = false;
+    Exit();
     EXPECT_EQ(log.Count("Thread Usbd Service Thread started"), 1u);
 }
 
@@ -89,43 +97,23 @@ TEST_F(Service, StopsAsTheDaemonsReportDemands) {
         const char *stop, *line;
     };
     for (const Case& c : {Case{"", false, "StopUsbd 0", "No need to stop Usbd service, Usbd service init timeout.\n"},
-                          {"1", false, "StopUsbd 0", "No need to stop Usbd service, Usbd service init failed.\n"},
                           {"-1", false, "StopUsbd 0", "No need to stop Usbd service, Usbd service init failed.\n"},
                           {"0", true, "StopUsbd 1", "Stopping Usbd service.\n"}}) {
         SCOPED_TRACE(c.line);
-        FakeUsbd::Reset();
-        log.Clear();
-        SetArgs("TRUE", "TRUE");
-        ASSERT_TRUE(gUsbRedirectionClient.PowerOnUsbdService());
-        ASSERT_NE(FakeUsbd::WaitForStart(), "");
+        PowerOn("TRUE");
         if (*c.report) FakeUsbd::Registered().initDone(std::atoi(c.report));
         EXPECT_EQ(gUsbRedirectionClient.PowerOffUsbdService(), c.result);
         EXPECT_EQ(FakeUsbd::Texts().back(), c.stop);
         EXPECT_TRUE(log.Has(kLogInfo, c.line));
-        EXPECT_FALSE(gUsbStartupArgs);
-        KxMutexGuard guard(gUsbdStateLock);
-        const auto report = gUsbRedirectionClient.GetUsbdInitReport();
-        EXPECT_FALSE(report.done || report.succeeded);
-        EXPECT_EQ(report.identity, "");
+        EXPECT_FALSE(gUsbStartupArgs || Report().done || Report().succeeded);
+        EXPECT_EQ(Report().identity, "");
     }
 }
 
-TEST_F(Service, PowerOffClearsEverythingAlsoWithoutAThread) {
-    SetArgs("TRUE", "FALSE");
-    gUsbRedirectionClient.UsbdInitDoneNotifyCb(0);
-    EXPECT_FALSE(gUsbRedirectionClient.PowerOffUsbdService());
-    EXPECT_TRUE(log.Has(kLogInfo, "Usbd service thread is not started.\n"));
-    EXPECT_FALSE(gUsbStartupArgs);
-    KxMutexGuard guard(gUsbdStateLock);
-    EXPECT_FALSE(gUsbRedirectionClient.GetUsbdInitReport().succeeded);
-}
-
 TEST_F(Service, WaitsOnForADaemonThatDoesNotStopInTime) {
-    SetArgs("TRUE", "TRUE");
+    PowerOn("TRUE");
     FakeUsbd::SetMsgWaitTimeout(-993);
     FakeUsbd::HoldStop(true);
-    ASSERT_TRUE(gUsbRedirectionClient.PowerOnUsbdService());
-    ASSERT_NE(FakeUsbd::WaitForStart(), "");
     std::thread stopper([] { gUsbRedirectionClient.PowerOffUsbdService(); });
     EXPECT_TRUE(log.WaitFor(kLogWarn, "Usbd service thread cannot be stopped within expected 7ms.\n"));
     EXPECT_FALSE(log.Has(kLogInfo, "Exited Usbd service.\n"));
@@ -134,35 +122,27 @@ TEST_F(Service, WaitsOnForADaemonThatDoesNotStopInTime) {
     EXPECT_TRUE(log.Has(kLogInfo, "Exited Usbd service.\n"));
 }
 
-TEST_F(Service, ADaemonIdentityIsCutToItsRoom) {
-    const std::string pid = "@" + std::string(299, 'p');
+TEST_F(Service, AReportAheadOfTheIdentityChangesOnlyTheResult) {
+    SetArgs("TRUE", "FALSE");
+    for (const int result : {5, 0}) {
+        gUsbRedirectionClient.UsbdInitDoneNotifyCb(result);
+        EXPECT_TRUE(log.Has(kLogInfo, std::string("Usbd service init ") + (result ? "failed.\n" : "succeeded.\n")));
+        EXPECT_TRUE(log.Has(kLogDebug, "Invalid Negotiated Desktop PID, so no more init operation.\n"));
+        EXPECT_FALSE(Report().done);
+        EXPECT_EQ(Report().succeeded, result == 0);
+    }
+    EXPECT_FALSE(gUsbRedirectionClient.PowerOffUsbdService());
+    EXPECT_TRUE(log.Has(kLogInfo, "Usbd service thread is not started.\n"));
+    EXPECT_FALSE(gUsbStartupArgs || Report().succeeded) << "cleared also without a thread";
+}
+
+TEST_F(Service, InMfwModeTheReportGoesOutAtOnceWithAnIdentityCutToItsRoom) {
+    const std::string pid = "@" + std::string(299, 'p'), cut = pid.substr(0, 255);
     SetArgs("FALSE", "TRUE", pid);
     Init();
-    const std::string cut = pid.substr(0, 255);
     EXPECT_EQ(FakeUsbd::WaitForStart(), "StartUsbd 3 velmora-client-usbd FALSE " + cut);
     FakeUsbd::Registered().initDone(0);
     EXPECT_EQ(Heard(), Texts{"init done " + cut});
-}
-
-TEST_F(Service, AReportAheadOfTheIdentityChangesOnlyTheResult) {
-    gUsbRedirectionClient.UsbdInitDoneNotifyCb(0);
-    EXPECT_TRUE(log.Has(kLogInfo, "Usbd service init succeeded.\n"));
-    EXPECT_TRUE(log.Has(kLogDebug, "Invalid Negotiated Desktop PID, so no more init operation.\n"));
-    {
-        KxMutexGuard guard(gUsbdStateLock);
-        EXPECT_FALSE(gUsbRedirectionClient.GetUsbdInitReport().done);
-        EXPECT_TRUE(gUsbRedirectionClient.GetUsbdInitReport().succeeded);
-    }
-    gUsbRedirectionClient.UsbdInitDoneNotifyCb(5);
-    EXPECT_TRUE(log.Has(kLogInfo, "Usbd service init failed.\n"));
-    KxMutexGuard guard(gUsbdStateLock);
-    EXPECT_FALSE(gUsbRedirectionClient.GetUsbdInitReport().succeeded);
-}
-
-TEST_F(Service, InMfwModeTheReportGoesOutAtOnce) {
-    Start("FALSE");
-    FakeUsbd::Registered().initDone(0);
-    EXPECT_EQ(Heard(), Texts{"init done " + Identity()});
     CreateInstance();
     ASSERT_TRUE(service.BringUp());
     EXPECT_EQ(FakeUsbd::Count("Usbd_NotifyUsbVirtualChannelAvailable"), 0u);
@@ -183,9 +163,7 @@ TEST_F(Service, TheSecondOfReportAndReadyTellsTheClient) {
             EXPECT_EQ(Heard(), Texts{"init done " + (result == 0 ? Identity() : "")});
             EXPECT_EQ(FakeUsbd::Count("Usbd_NotifyUsbVirtualChannelAvailable"), 1u);
             service.BringDown();
-            DestroyInstance();
-            QSCService_PluginExit();
-            initialised = false;
+            Exit();
         }
     }
 }
@@ -211,8 +189,15 @@ TEST_F(Service, EachRiseOfTheChannelRepeatsTheReport) {
     EXPECT_EQ(Heard().size(), 4u);
 }
 
-TEST_F(Service, AReportNobodyTakesIsLostAfterAnErrorLine) {
+TEST_F(Service, TheEmbeddingClientsAnswersComeBackAndAReportNobodyTakesIsLostAfterAnErrorLine) {
     Start("FALSE");
+    EXPECT_EQ(QSCUsbRedirectionPlugin_Init([](const char* pid) -> Bool { return *pid ? 7 : 8; },
+                                           [](Bool enabled) -> Bool { return enabled ? 5 : 6; }, nullptr),
+              TRUE);
+    EXPECT_TRUE(log.Has(kLogInfo, "QSCUsbRedirectionPlugin_Init: Plugin initialization.\n"));
+    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdInitDone(TRUE, "pid"), 7);
+    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdInitDone(FALSE, "pid"), 8);
+    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdDevicesFilterStatus(FALSE), 6);
     EXPECT_EQ(QSCUsbRedirectionPlugin_Exit(), TRUE);
     EXPECT_TRUE(log.Has(kLogInfo, "QSCUsbRedirectionPlugin_Exit: Plugin exiting.\n"));
     FakeUsbd::Registered().initDone(0);
@@ -223,30 +208,19 @@ TEST_F(Service, AReportNobodyTakesIsLostAfterAnErrorLine) {
                      "NULL.\n"}));
 }
 
-TEST_F(Service, TheEmbeddingClientsAnswersComeBack) {
-    EXPECT_EQ(QSCUsbRedirectionPlugin_Init([](const char* pid) -> Bool { return *pid ? 7 : 8; },
-                                           [](Bool enabled) -> Bool { return enabled ? 5 : 6; }, nullptr),
-              TRUE);
-    EXPECT_TRUE(log.Has(kLogInfo, "QSCUsbRedirectionPlugin_Init: Plugin initialization.\n"));
-    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdInitDone(TRUE, "pid"), 7);
-    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdInitDone(FALSE, "pid"), 8);
-    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdDevicesFilterStatus(TRUE), 5);
-    EXPECT_EQ(QSCUsbRedirectionPlugin_SetUsbdDevicesFilterStatus(FALSE), 6);
-}
-
 TEST_F(Service, EntryPointsAreTraced) {
     struct Case {
         const char* name;
-        void (*call)();
+        Bool (*call)();
     };
     for (const Case& c :
-         {Case{"QSCService_PluginExit", [] { QSCService_PluginExit(); }},
+         {Case{"QSCService_PluginExit", [] { return QSCService_PluginExit(); }},
           {"QSCService_PluginCreateInstance",
            [] {
-               void* instance = nullptr;
-               EXPECT_EQ(QSCService_PluginCreateInstance(nullptr, &instance), FALSE);
+               void* none = nullptr;
+               return QSCService_PluginCreateInstance(nullptr, &none);
            }},
-          {"QSCService_PluginDestroyInstance", [] { EXPECT_EQ(QSCService_PluginDestroyInstance(nullptr), FALSE); }}}) {
+          {"QSCService_PluginDestroyInstance", [] { return QSCService_PluginDestroyInstance(nullptr); }}}) {
         log.Clear();
         c.call();
         const auto lines = log.Lines();
