@@ -19,37 +19,31 @@ class Forwarding : public PluginUnderTest {
 protected:
     struct Sender {
         const char* name;
-        std::function<bool(size_t, const char*)> send;  // the result of the two that have one, else true
-        bool result;                                    // has a result
+        bool hasResult;
+        std::function<bool(size_t, const char*)> send;  // true if there is no result
     };
 
     std::vector<Sender> Senders() const {
-        return {
-            {"PostMsg", [this](size_t size, const char* data) { return daemon.postMsg("Type", size, data), true; },
-             false},
-            {"PostMsgFast",
-             [this](size_t size, const char* data) {
-                 return daemon.postMsgFast(size, reinterpret_cast<const unsigned char*>(data));
-             },
-             true},
-            {"PostHIDOptMsgFast",
-             [this](size_t size, const char* data) {
-                 return daemon.postHIDOptMsgFast(size, reinterpret_cast<const unsigned char*>(data));
-             },
-             true},
-            {"SendAsyncMsg",
-             [this](size_t size, const char* data) {
-                 EXPECT_EQ(daemon.sendAsyncMsg("Type", size, data, Answered, nullptr, "id"), nullptr);
-                 return true;
-             },
-             false},
+        const auto bytes = [](const char* data) { return reinterpret_cast<const unsigned char*>(data); };
+        const auto post = [this](size_t size, const char* data) { return daemon.postMsg("Type", size, data), true; };
+        const auto fast = [=, this](size_t size, const char* data) { return daemon.postMsgFast(size, bytes(data)); };
+        const auto hid = [=, this](size_t size, const char* data) {
+            return daemon.postHIDOptMsgFast(size, bytes(data));
         };
+        const auto async = [this](size_t size, const char* data) {
+            EXPECT_EQ(daemon.sendAsyncMsg("Type", size, data, Answered, nullptr, "id"), nullptr);
+            return true;
+        };
+        return {{"PostMsg", false, post},
+                {"PostMsgFast", true, fast},
+                {"PostHIDOptMsgFast", true, hid},
+                {"SendAsyncMsg", false, async}};
     }
 
     void ExpectDropped(const Sender& sender, const Texts& errors, size_t size = 4, const char* data = "text") {
         log.Clear();
         service.ClearSent();
-        EXPECT_EQ(sender.send(size, data), !sender.result) << sender.name;
+        EXPECT_EQ(sender.send(size, data), !sender.hasResult) << sender.name;
         EXPECT_EQ(log.Texts(kLogError), errors) << sender.name;
         EXPECT_TRUE(service.Sent().empty()) << sender.name;
         EXPECT_EQ(service.UnsentContexts(), 0u) << sender.name;
@@ -139,7 +133,7 @@ TEST_F(Forwarding, AFailureOfTheServiceDropsOneMessageAndNoMore) {
         for (const Sender& sender : Senders()) {
             SCOPED_TRACE(std::string(OpName(c.op)) + " in " + sender.name);
             service.Fail(c.op);
-            ExpectDropped(sender, sender.result ? c.fast : c.slow);
+            ExpectDropped(sender, sender.hasResult ? c.fast : c.slow);
             EXPECT_TRUE(sender.send(4, "text"));
             EXPECT_EQ(service.Sent().size(), 1u);
         }

@@ -55,9 +55,8 @@ TEST_F(Service, StartsTheDaemonWithThePluginOnlyIfAskedTo) {
         }
         Exit();
         EXPECT_TRUE(log.Has(kLogInfo, "Power off Usbd service.\n"));
-        EXPECT_EQ(log.Count("Usbd service thread is not started.\n"), starts ? 0u : 1u);
+        EXPECT_EQ(log.Has(kLogInfo, "Usbd service thread is not started.\n"), !starts);
         EXPECT_EQ(FakeUsbd::Count("StopUsbd 0"), starts ? 1u : 0u);
-        EXPECT_FALSE(gUsbStartupArgs);
     }
 }
 
@@ -65,7 +64,6 @@ TEST_F(Service, StartsTheDaemonLaterThroughTheDispatchRecordAndOnlyOnce) {
     SetArgs("TRUE", "FALSE");
     Init();
     ASSERT_EQ(dispatch.version, 1u);
-    ASSERT_NE(dispatch.startUsbd, nullptr);
     dispatch.startUsbd();
     EXPECT_NE(FakeUsbd::WaitForStart(), "");
     EXPECT_TRUE(log.Has(kLogInfo, "QSCUsbRedirectionPlugin_StartUsbd: enter\n"));
@@ -84,8 +82,6 @@ TEST_F(Service, WithoutStartupArgumentsNoDaemonRuns) {
     dispatch.startUsbd();
     EXPECT_TRUE(log.WaitFor(kLogInfo, "Thread Usbd Service Thread exited by callback"));
     EXPECT_EQ(log.Texts(kLogError), Texts{"Startup args are not correctly received.\n"});
-    EXPECT_TRUE(gUsbRedirectionClient.PowerOnUsbdService());
-    EXPECT_TRUE(log.Has(kLogInfo, "Usbd service thread has already started.\n"));
     EXPECT_FALSE(gUsbRedirectionClient.PowerOffUsbdService());
     EXPECT_EQ(FakeUsbd::Texts(), Texts{"StopUsbd 0"});
 }
@@ -206,30 +202,6 @@ TEST_F(Service, TheEmbeddingClientsAnswersComeBackAndAReportNobodyTakesIsLostAft
               (Texts{"QSCUsbRedirectionPlugin_SetUsbdInitDone: gSetUsbdInitDone is unexpectedly NULL.\n",
                      "QSCUsbRedirectionPlugin_SetUsbdDevicesFilterStatus: gSetUsbdDevicesFilterStatus is unexpectedly "
                      "NULL.\n"}));
-}
-
-TEST_F(Service, EntryPointsAreTraced) {
-    struct Case {
-        const char* name;
-        Bool (*call)();
-    };
-    for (const Case& c :
-         {Case{"QSCService_PluginExit", [] { return QSCService_PluginExit(); }},
-          {"QSCService_PluginCreateInstance",
-           [] {
-               void* none = nullptr;
-               return QSCService_PluginCreateInstance(nullptr, &none);
-           }},
-          {"QSCService_PluginDestroyInstance", [] { return QSCService_PluginDestroyInstance(nullptr); }}}) {
-        log.Clear();
-        c.call();
-        const auto lines = log.Lines();
-        ASSERT_GE(lines.size(), 2u) << c.name;
-        for (const LogCapture::Line& line : {lines.front(), lines.back()}) {
-            EXPECT_EQ(line.level, kLogInfo);
-            EXPECT_NE(line.function.find(c.name), std::string::npos) << line.function;
-        }
-    }
 }
 
 }  // namespace
