@@ -41,9 +41,13 @@ std::string Numbered(const char* format, uint64 number) {
     return StringUtils::Format("%s(0x%08llX)", format, static_cast<unsigned long long>(number));
 }
 
-TEST(KxThread, CallsBackUntilTheCallbackHasFinished) {
+class KxThreadTest : public testing::Test {
+protected:
+    KxThread thread{"worker"};
+};
+
+TEST_F(KxThreadTest, CallsBackUntilTheCallbackHasFinished) {
     const LogCapture log(kLogInfo);
-    KxThread thread("worker");
     Script script{.body = [](int call, KxThread*) { return call < 3; }};
     ASSERT_TRUE(script.StartOn(thread, 0));
     ASSERT_TRUE(thread.WaitForStop(kLongMS));
@@ -53,9 +57,8 @@ TEST(KxThread, CallsBackUntilTheCallbackHasFinished) {
     EXPECT_EQ(log.Texts(kLogInfo), (Texts{"Thread worker started", "Thread worker exited by callback"}));
 }
 
-TEST(KxThread, StopCutsThePauseShortWithoutAnotherCall) {
+TEST_F(KxThreadTest, StopCutsThePauseShortWithoutAnotherCall) {
     const LogCapture log(kLogInfo);
-    KxThread thread("worker");
     for (size_t round = 1; round <= 2; ++round) {  // a thread starts again after a join
         KxEvent called(false, false);
         Script script{.body = [&](int, KxThread*) { return called.Set(); }};
@@ -71,8 +74,7 @@ TEST(KxThread, StopCutsThePauseShortWithoutAnotherCall) {
     }
 }
 
-TEST(KxThread, ASignalOrAShorterNextWaitHoldsForOnePause) {
-    KxThread thread("worker");
+TEST_F(KxThreadTest, ASignalOrAShorterNextWaitHoldsForOnePause) {
     KxEvent third(false, false), fourth(false, false);
     Script script{.body = [&](int call, KxThread* self) {
         if (call == 1) self->Signal();
@@ -87,7 +89,7 @@ TEST(KxThread, ASignalOrAShorterNextWaitHoldsForOnePause) {
     EXPECT_TRUE(thread.Stop(kLongMS));
 }
 
-TEST(KxThread, HasNothingToWaitForWithoutAThread) {
+TEST_F(KxThreadTest, HasNothingToWaitForWithoutAThread) {
     const LogCapture log;
     KxThread movedFrom("worker");
     KxThread unstarted(std::move(movedFrom));
@@ -109,8 +111,7 @@ TEST(KxThread, HasNothingToWaitForWithoutAThread) {
 }
 
 // Both are set while the callback runs, so the pause finds both.
-TEST(KxThread, StopWinsOverSignal) {
-    KxThread thread("worker");
+TEST_F(KxThreadTest, StopWinsOverSignal) {
     Script script{.body = [](int, KxThread* self) {
         self->Signal();
         self->Stop(0);
@@ -121,9 +122,8 @@ TEST(KxThread, StopWinsOverSignal) {
     EXPECT_EQ(script.calls, 1);
 }
 
-TEST(KxThread, KnowsItselfAndDoesNotWaitForItself) {
+TEST_F(KxThreadTest, KnowsItselfAndDoesNotWaitForItself) {
     const LogCapture log(kLogWarn);
-    KxThread thread("worker");
     Script script{.body = [](int, KxThread* self) {
         EXPECT_TRUE(self->IsCurrentThread());
         EXPECT_EQ(self->GetThreadId(), GetThreadNumber());
@@ -138,9 +138,8 @@ TEST(KxThread, KnowsItselfAndDoesNotWaitForItself) {
     EXPECT_TRUE(log.Lines().empty()) << "refusing itself is no warning";
 }
 
-TEST(KxThread, IsNeitherEndedByForceNorStartedAgainBeforeItIsJoined) {
+TEST_F(KxThreadTest, IsNeitherEndedByForceNorStartedAgainBeforeItIsJoined) {
     const LogCapture log(kLogWarn);
-    KxThread thread("worker");
     KxEvent go(true, false);
     EXPECT_FALSE(thread.Start(nullptr, nullptr, 0, false));
     Script script{.body = [&](int, KxThread*) { return go.Wait(kLongMS) != kWaitSignaled; }};
@@ -157,7 +156,7 @@ TEST(KxThread, IsNeitherEndedByForceNorStartedAgainBeforeItIsJoined) {
                                           "Attempt to terminate thread worker(0x00000000) not supported"}));
 }
 
-TEST(KxThread, MayBeDestroyedByItsOwnCallback) {
+TEST_F(KxThreadTest, MayBeDestroyedByItsOwnCallback) {
     const LogCapture log(kLogDebug);
     auto thread = std::make_unique<KxThread>("worker");
     KxThread& started = *thread;
@@ -179,7 +178,7 @@ TEST(KxThread, MayBeDestroyedByItsOwnCallback) {
 
 // Nobody stops a thread whose handle goes during a pause: it makes one more call, without a handle. Whether the thread
 // has reached its pause can't be seen from outside, so each round gives it more time.
-TEST(KxThread, CallsBackOnceMoreWithoutAHandleThatWentDuringThePause) {
+TEST_F(KxThreadTest, CallsBackOnceMoreWithoutAHandleThatWentDuringThePause) {
     const KxEvent never(false, false);
     int calls = 1;
     for (DWORD patienceMS = 1; calls == 1 && patienceMS < 2000; patienceMS *= 2) {
@@ -206,7 +205,7 @@ TEST(KxThread, CallsBackOnceMoreWithoutAHandleThatWentDuringThePause) {
     EXPECT_EQ(calls, 2);
 }
 
-TEST(KxThread, FollowsAMovedHandle) {
+TEST_F(KxThreadTest, FollowsAMovedHandle) {
     const LogCapture log(kLogInfo);
     KxEvent called(false, false);
     KxThread* seen = nullptr;
@@ -233,8 +232,7 @@ TEST(KxThread, FollowsAMovedHandle) {
     EXPECT_TRUE(third.Stop(kLongMS));
 }
 
-TEST(KxThread, SleepsUntilTheTimeRunsOutOrSomebodyCutsItShort) {
-    KxThread thread("worker");
+TEST_F(KxThreadTest, SleepsUntilTheTimeRunsOutOrSomebodyCutsItShort) {
     KxEvent sleeping(false, false);
     Script script{.body = [&](int, KxThread* self) {
         EXPECT_FALSE(self->Sleep(1));
@@ -251,7 +249,7 @@ TEST(KxThread, SleepsUntilTheTimeRunsOutOrSomebodyCutsItShort) {
     EXPECT_TRUE(thread.Stop(kLongMS));
 }
 
-TEST(KxThread, IsKnownToTheSystemByItsName) {
+TEST_F(KxThreadTest, IsKnownToTheSystemByItsName) {
     const auto systemName = [](pthread_t thread) {
         char name[16] = "";
         pthread_getname_np(thread, name, sizeof name);
@@ -278,8 +276,7 @@ TEST(KxThread, IsKnownToTheSystemByItsName) {
 }
 
 // A signal is no sign that the new thread is there.
-TEST(KxThread, HasItsNumberWhenStartReturnsWhoeverSignals) {
-    KxThread thread("worker");
+TEST_F(KxThreadTest, HasItsNumberWhenStartReturnsWhoeverSignals) {
     std::atomic<bool> done{false};
     std::thread signaller([&] {
         while (!done) {
@@ -297,9 +294,8 @@ TEST(KxThread, HasItsNumberWhenStartReturnsWhoeverSignals) {
     signaller.join();
 }
 
-TEST(KxThread, IsJoinedOnceByManyWaiters) {
+TEST_F(KxThreadTest, IsJoinedOnceByManyWaiters) {
     const LogCapture log(kLogWarn);
-    KxThread thread("worker");
     for (int round = 0; round < 20; ++round) {
         KxEvent go(true, false);
         Script script{.body = [&](int, KxThread*) { return go.Wait(kLongMS) != kWaitSignaled; }};
@@ -316,8 +312,7 @@ TEST(KxThread, IsJoinedOnceByManyWaiters) {
 
 // A waiter that comes late to the end of one run finds the next one, and must not wait for that under the thread's
 // lock.
-TEST(KxThread, WaitersOfOneRunLeaveTheNextOneAlone) {
-    KxThread thread("worker");
+TEST_F(KxThreadTest, WaitersOfOneRunLeaveTheNextOneAlone) {
     std::atomic<bool> done{false};
     std::vector<std::thread> waiters;
     for (int i = 0; i < 2; ++i) {
@@ -354,9 +349,8 @@ private:
     pthread_attr_t saved;
 };
 
-TEST(KxThread, StaysUsableWhenTheSystemRefusesAThread) {
+TEST_F(KxThreadTest, StaysUsableWhenTheSystemRefusesAThread) {
     const LogCapture log(kLogError);
-    KxThread thread("worker");
     Script script{.body = [](int, KxThread*) { return false; }};
     {
         const NoRoomForThreads noRoom;

@@ -22,6 +22,7 @@ public:
     explicit Tracked(std::atomic<int>& count, RefCountMode mode = RefCountOn) : RCObject(mode), alive(count) {
         ++alive;
     }
+    Tracked(const Tracked& other) : RCObject(other), alive(other.alive) { ++alive; }
     ~Tracked() override {
         intact = false;
         --alive;
@@ -53,6 +54,18 @@ private:
     RCObject* const other;
 };
 
+// None of the objects may outlive its test.
+class RCObjectTest : public testing::Test {
+protected:
+    ~RCObjectTest() override { EXPECT_EQ(alive, 0); }
+
+    std::atomic<int> alive{0};
+};
+
+using RCPtrTest = RCObjectTest;
+using WkPtrTest = RCObjectTest;
+using ReferenceLockTest = RCObjectTest;
+
 uint32_t CountOf(RCObject* object) {
     object->AddRef();
     return object->Release();
@@ -66,8 +79,7 @@ uint32_t AddRefUnderInnerLock(RCObject& object) NO_THREAD_SAFETY_ANALYSIS {
     return count;
 }
 
-TEST(RCObject, ReturnsTheCountOfEachStepAndDiesWithTheLastReference) {
-    std::atomic<int> alive{0};
+TEST_F(RCObjectTest, ReturnsTheCountOfEachStepAndDiesWithTheLastReference) {
     auto* object = new Tracked(alive);
     EXPECT_EQ(object->Release(), 0u) << "a release without a reference does nothing";
     EXPECT_EQ(alive, 1);
@@ -75,11 +87,9 @@ TEST(RCObject, ReturnsTheCountOfEachStepAndDiesWithTheLastReference) {
     EXPECT_EQ(object->AddRef(), 2u);
     EXPECT_EQ(object->Release(), 1u);
     EXPECT_EQ(object->Release(), 0u);
-    EXPECT_EQ(alive, 0);
 }
 
-TEST(RCObject, UncountedObjectsStayWithTheirOwner) {
-    std::atomic<int> alive{0};
+TEST_F(RCObjectTest, UncountedObjectsStayWithTheirOwner) {
     auto object = std::make_unique<Tracked>(alive, RefCountOff);
     EXPECT_EQ(object->AddRef(), 0u);
     EXPECT_EQ(object->Release(), 0u);
@@ -96,8 +106,7 @@ TEST(RCObject, UncountedObjectsStayWithTheirOwner) {
     EXPECT_FALSE(weak.Lock());
 }
 
-TEST(RCObject, ACopyStartsWithoutReferencesAndLink) {
-    std::atomic<int> alive{0};
+TEST_F(RCObjectTest, ACopyStartsWithoutReferencesAndLink) {
     const RCPtr<Tracked> original(new Tracked(alive));
     const WkPtr<Tracked> weak(original.Get());
     Tracked copy(*original);
@@ -108,8 +117,7 @@ TEST(RCObject, ACopyStartsWithoutReferencesAndLink) {
     EXPECT_EQ(weak.Lock(), original);
 }
 
-TEST(RCObject, IsDestroyedOnTheThreadThatDroppedItLastWithoutTheLock) {
-    std::atomic<int> alive{0};
+TEST_F(RCObjectTest, IsDestroyedOnTheThreadThatDroppedItLastWithoutTheLock) {
     std::thread::id destroyer, dropper;
     RCPtr<Tracked> object(new Tracked(alive));
     object->onLastRelease = [&](Tracked*) {
@@ -122,11 +130,9 @@ TEST(RCObject, IsDestroyedOnTheThreadThatDroppedItLastWithoutTheLock) {
         last = nullptr;
     }).join();
     EXPECT_EQ(destroyer, dropper);
-    EXPECT_EQ(alive, 0);
 }
 
-TEST(RCObject, GivesNoWeakLinkWhileItDies) {
-    std::atomic<int> alive{0};
+TEST_F(RCObjectTest, GivesNoWeakLinkWhileItDies) {
     RCPtr<Tracked> object(new Tracked(alive));
     const WkPtr<Tracked> old(object.Get());
     bool called = false;
@@ -140,12 +146,10 @@ TEST(RCObject, GivesNoWeakLinkWhileItDies) {
     };
     object = nullptr;
     EXPECT_TRUE(called);
-    EXPECT_EQ(alive, 0);
 }
 
-TEST(RCObject, KeepsTheReferencesTakenWhileItTookItselfBack) {
+TEST_F(RCObjectTest, KeepsTheReferencesTakenWhileItTookItselfBack) {
     for (const uint32_t taken : {0u, 1u, 3u}) {
-        std::atomic<int> alive{0};
         auto* object = new Tracked(alive);
         std::vector<RCPtr<Tracked>> kept;
         object->onLastRelease = [&](Tracked* self) {
@@ -167,8 +171,7 @@ TEST(RCObject, KeepsTheReferencesTakenWhileItTookItselfBack) {
     }
 }
 
-TEST(RCPtr, HoldsExactlyWhatItPointsTo) {
-    std::atomic<int> alive{0};
+TEST_F(RCPtrTest, HoldsExactlyWhatItPointsTo) {
     RCPtr<Tracked> first(new Tracked(alive));
     Tracked* const object = first.Get();
     RCPtr<Tracked> second(first);
@@ -194,8 +197,7 @@ TEST(RCPtr, HoldsExactlyWhatItPointsTo) {
     EXPECT_EQ(CountOf(object), 1u) << "it survives an assignment of itself";
 }
 
-TEST(RCPtr, NarrowsByTheClassOfTheObject) {
-    std::atomic<int> alive{0};
+TEST_F(RCPtrTest, NarrowsByTheClassOfTheObject) {
     const RCPtr<Tracked> special(new Special(alive));
     const RCPtr<Tracked> plain(new Tracked(alive));
     const RCPtr<Special> narrowed(special);
@@ -206,8 +208,7 @@ TEST(RCPtr, NarrowsByTheClassOfTheObject) {
     EXPECT_EQ(CountOf(special.Get()), 3u);
 }
 
-TEST(RCPtr, ReleasesWhatItHeldWhenThreadsAssignAtOnce) {
-    std::atomic<int> alive{0};
+TEST_F(RCPtrTest, ReleasesWhatItHeldWhenThreadsAssignAtOnce) {
     {
         RCPtr<Tracked> shared;
         std::vector<std::thread> threads;
@@ -222,11 +223,9 @@ TEST(RCPtr, ReleasesWhatItHeldWhenThreadsAssignAtOnce) {
         for (std::thread& thread : threads) thread.join();
         EXPECT_EQ(alive, 1);
     }
-    EXPECT_EQ(alive, 0);
 }
 
-TEST(WkPtr, FindsItsObjectUntilTheLastReferenceGoesAndThenNeverAgain) {
-    std::atomic<int> alive{0};
+TEST_F(WkPtrTest, FindsItsObjectUntilTheLastReferenceGoesAndThenNeverAgain) {
     EXPECT_FALSE(WkPtr<Tracked>().Lock() || WkPtr<Tracked>(nullptr).Lock());
     RCPtr<Tracked> object(new Tracked(alive));
     const WkPtr<Tracked> weak(object.Get());
@@ -241,8 +240,7 @@ TEST(WkPtr, FindsItsObjectUntilTheLastReferenceGoesAndThenNeverAgain) {
     EXPECT_EQ(CountOf(weak.Get()), 1u) << "the link outlives its object";
 }
 
-TEST(WkPtr, IsEmptyWhenTheLinkStandsForAnotherClassOrIsMissing) {
-    std::atomic<int> alive{0};
+TEST_F(WkPtrTest, IsEmptyWhenTheLinkStandsForAnotherClassOrIsMissing) {
     const RCPtr<Tracked> target(new Tracked(alive));
     const RCPtr<Delegating> delegating(new Delegating(target.Get())), linkless(new Delegating(nullptr));
     EXPECT_EQ(WkPtr<RCObject>(delegating.Get()).Lock().Get(), target.Get());
@@ -250,8 +248,7 @@ TEST(WkPtr, IsEmptyWhenTheLinkStandsForAnotherClassOrIsMissing) {
     EXPECT_EQ(CountOf(target.Get()), 1u);
 }
 
-TEST(WkPtr, NarrowsEachClassThatPassesThroughIt) {
-    std::atomic<int> alive{0};
+TEST_F(WkPtrTest, NarrowsEachClassThatPassesThroughIt) {
     const RCPtr<Tracked> plain(new Tracked(alive));
     const RCPtr<Tracked> special(new Special(alive));
     for (int round = 0; round < 2; ++round) {
@@ -266,10 +263,9 @@ void WaitFor(const std::atomic<int>& value, int least) {
 }
 
 // Each round races look-ups against the last release: a look-up finds a whole object or nothing.
-TEST(WkPtr, NeverFindsADeadObject) {
+TEST_F(WkPtrTest, NeverFindsADeadObject) {
     constexpr int kRounds = 2000;
     constexpr int kLooks = 200;
-    std::atomic<int> alive{0};
     std::atomic<int> round{-1};
     std::atomic<int> lookersDone{0};
     WkPtr<Tracked> weak;
@@ -300,10 +296,9 @@ TEST(WkPtr, NeverFindsADeadObject) {
     for (std::thread& looker : lookers) looker.join();
 }
 
-TEST(ReferenceLock, CountsExactlyUnderContentionAndForAHolderThatCountsItself) {
+TEST_F(ReferenceLockTest, CountsExactlyUnderContentionAndForAHolderThatCountsItself) {
     constexpr uint32_t kThreads = 4;
     constexpr uint32_t kTurns = 5000;
-    std::atomic<int> alive{0};
     const RCPtr<Tracked> object(new Tracked(alive));
     std::atomic<uint32_t> started{0};
     std::vector<std::thread> threads;

