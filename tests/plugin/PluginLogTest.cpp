@@ -63,6 +63,7 @@ TEST_F(PluginLog, LiesInTheUsersFolderFromHeaderToLastLine) {
 TEST_F(PluginLog, AtTraceShowsTheWholeRoadOfAMessageAlsoInALoggerThatRanBefore) {
     UsbRedirectionLogger logger;
     ASSERT_TRUE(logger.Start("UsbRedirectionLogger", "UsbRedirectionClient", "", kLogTrace, true));
+    EXPECT_TRUE(logger.Start("UsbRedirectionClient", "not read"));
     StartReady();
     ASSERT_TRUE(daemon.postMsgFast(4, reinterpret_cast<const unsigned char*>("data")));
     const std::vector<uint8_t> content{'b', 'a', 'c', 'k'};

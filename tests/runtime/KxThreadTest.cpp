@@ -93,11 +93,11 @@ TEST_F(KxThreadTest, HasNothingToWaitForWithoutAThread) {
     const LogCapture log;
     KxThread movedFrom("worker");
     KxThread unstarted(std::move(movedFrom));
-    for (KxThread* thread : {&unstarted, &movedFrom}) {
-        EXPECT_TRUE(thread->IsStopped() && thread->Stop(kInfinite) && thread->WaitForStop(kInfinite));
-        EXPECT_TRUE(thread->Terminate(1) && thread->Sleep(kInfinite));
-        EXPECT_EQ(thread->GetThreadId(), 0u);
-        EXPECT_FALSE(thread->IsCurrentThread());
+    for (KxThread* each : {&unstarted, &movedFrom}) {
+        EXPECT_TRUE(each->IsStopped() && each->Stop(kInfinite) && each->WaitForStop(kInfinite));
+        EXPECT_TRUE(each->Terminate(1) && each->Sleep(kInfinite));
+        EXPECT_EQ(each->GetThreadId(), 0u);
+        EXPECT_FALSE(each->IsCurrentThread());
     }
     EXPECT_EQ(unstarted.GetStopEvent()->Wait(0), kWaitSignaled);
     Script script{.body = [](int, KxThread*) { return false; }};
@@ -158,14 +158,14 @@ TEST_F(KxThreadTest, IsNeitherEndedByForceNorStartedAgainBeforeItIsJoined) {
 
 TEST_F(KxThreadTest, MayBeDestroyedByItsOwnCallback) {
     const LogCapture log(kLogDebug);
-    auto thread = std::make_unique<KxThread>("worker");
-    KxThread& started = *thread;
+    auto owned = std::make_unique<KxThread>("worker");
+    KxThread& started = *owned;
     KxEvent go(true, false);
     std::string dropped;
     Script script{.body = [&](int, KxThread* self) {
         go.Wait(kLongMS);
         dropped = Numbered("Setting deleted flag for thread worker", self->GetThreadId());
-        thread.reset();
+        owned.reset();
         return true;
     }};
     ASSERT_TRUE(script.StartOn(started, 0));
@@ -183,18 +183,18 @@ TEST_F(KxThreadTest, CallsBackOnceMoreWithoutAHandleThatWentDuringThePause) {
     int calls = 1;
     for (DWORD patienceMS = 1; calls == 1 && patienceMS < 2000; patienceMS *= 2) {
         const LogCapture log(kLogInfo);
-        auto thread = std::make_unique<KxThread>("worker");
-        KxEvent called(false, false), wake(*thread->GetWakeEvent());
+        auto owned = std::make_unique<KxThread>("worker");
+        KxEvent called(false, false), wake(*owned->GetWakeEvent());
         KxThread* seen = nullptr;
         Script script{.body = [&](int, KxThread* self) {
             seen = self;
             return called.Set();
         }};
-        ASSERT_TRUE(script.StartOn(*thread));
+        ASSERT_TRUE(script.StartOn(*owned));
         ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
-        EXPECT_EQ(seen, thread.get());
+        EXPECT_EQ(seen, owned.get());
         EXPECT_EQ(KxEvent(never).Wait(patienceMS), kWaitTimedOut);
-        thread.reset();
+        owned.reset();
         wake.Set();
         ASSERT_TRUE(log.WaitFor(kLogInfo, "Thread worker was deleted"));
         calls = script.calls;
@@ -250,12 +250,12 @@ TEST_F(KxThreadTest, SleepsUntilTheTimeRunsOutOrSomebodyCutsItShort) {
 }
 
 TEST_F(KxThreadTest, IsKnownToTheSystemByItsName) {
-    const auto systemName = [](pthread_t thread) {
+    const auto systemName = [](pthread_t id) {
         char name[16] = "";
-        pthread_getname_np(thread, name, sizeof name);
+        pthread_getname_np(id, name, sizeof name);
         return std::string(name);
     };
-    KxThread thread("a name of twenty-six bytes");
+    KxThread named("a name of twenty-six bytes");
     KxEvent called(false, false);
     std::string seen;
     pthread_t native{};
@@ -264,13 +264,13 @@ TEST_F(KxThreadTest, IsKnownToTheSystemByItsName) {
         seen = systemName(native);
         return called.Set();
     }};
-    ASSERT_TRUE(script.StartOn(thread));
+    ASSERT_TRUE(script.StartOn(named));
     ASSERT_EQ(called.Wait(kLongMS), kWaitSignaled);
     EXPECT_EQ(seen, "a name of twent");
-    thread.SetName("renamed");
-    EXPECT_EQ(thread.GetName(), "renamed");
+    named.SetName("renamed");
+    EXPECT_EQ(named.GetName(), "renamed");
     EXPECT_EQ(systemName(native), "renamed");
-    EXPECT_TRUE(thread.Stop(kLongMS));
+    EXPECT_TRUE(named.Stop(kLongMS));
     const KxThread unnamed;
     EXPECT_EQ(unnamed.GetName(), StringUtils::Format("0x%p", static_cast<const void*>(&unnamed)));
 }
