@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr DWORD kPatienceMS = 20000;
+constexpr int32_t kPatienceMS = 20000;
 
 // Notes the order of runs, and lets a test wait for them.
 class Journal {
@@ -72,7 +72,7 @@ TEST_F(KxPollThreadTest, EqualClaimsTakeTurns) {
     Add("b", nullptr, 0, 3);
     ASSERT_TRUE(thread->StartScheduler());
     EXPECT_EQ(journal.WaitFor(6), (Entries{"a:time", "b:time", "a:time", "b:time", "a:time", "b:time"}));
-    EXPECT_TRUE(thread->WaitForAllItems(static_cast<int32_t>(kPatienceMS), nullptr, false));
+    EXPECT_TRUE(thread->WaitForAllItems(kPatienceMS, nullptr, false));
     EXPECT_EQ(thread->GetItemCount(), 0u);
 }
 
@@ -195,7 +195,7 @@ TEST_F(KxPollThreadTest, AnItemThatRemovesItselfIsntQueuedAgain) {
     thread->AddItem(item.Get(), kNoTimeout);
     ASSERT_TRUE(thread->StartScheduler());
     EXPECT_EQ(journal.WaitFor(1), (Entries{"removed"}));
-    EXPECT_TRUE(thread->WaitForAllItems(static_cast<int32_t>(kPatienceMS), nullptr, true));
+    EXPECT_TRUE(thread->WaitForAllItems(kPatienceMS, nullptr, true));
     EXPECT_EQ(thread->GetItemCount(), 0u);
 }
 
@@ -206,7 +206,7 @@ TEST_F(KxPollThreadTest, AnExceptionIsLoggedAndRemovesTheItem) {
     Add("good", nullptr, 0, 1);
     ASSERT_TRUE(thread->StartScheduler());
     EXPECT_EQ(journal.WaitFor(1), (Entries{"good:time"}));
-    thread->WaitForAllItems(static_cast<int32_t>(kPatienceMS), nullptr, false);
+    thread->WaitForAllItems(kPatienceMS, nullptr, false);
     EXPECT_EQ(log.Count("test: Item bad failed: out of order"), 1u);
 }
 
