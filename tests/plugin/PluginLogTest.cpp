@@ -1,7 +1,5 @@
 // The plug-in's own log: its file, and the road of a message in it.
 #include <fstream>
-#include <iterator>
-#include <sstream>
 
 #include "plugin/UsbRedirectionLogger.h"
 #include "tests/plugin/PluginUnderTest.h"
