@@ -6,12 +6,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -25,32 +24,7 @@
 #include "logging/LoggerManager.h"
 #include "runtime/KxEvent.h"
 #include "runtime/KxPollThread.h"
-
-// A folder of its own, gone at the end.
-class TempFolder {
-public:
-    TempFolder() {
-        char pattern[] = "/tmp/logging-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    ~TempFolder() { std::filesystem::remove_all(path); }
-
-    std::string File(const std::string& name) const { return path + "/" + name; }
-
-    // The names of the files, in their order.
-    std::vector<std::string> Names() const {
-        std::vector<std::string> names;
-        for (const auto& entry : std::filesystem::directory_iterator(path)) {
-            names.push_back(entry.path().filename().string());
-        }
-        std::sort(names.begin(), names.end());
-        return names;
-    }
-
-    std::string path;
-};
+#include "tests/support/TempFolder.h"
 
 inline std::string ReadText(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
@@ -123,14 +97,19 @@ protected:
     // All that goes to std::cout, the last lines of the loggers included.
     OutputCapture output;
 
-    // Starts the thread "Logger" and waits until it serves, so that its first lines are over.
-    static void StartThread() {
-        const auto serves = std::make_shared<KxEvent>(true, false);
-        LoggerManager::GetPollThread()->AddTask("first", nullptr, 0, [serves](bool) {
-            serves->Set();
+    // Runs it on the thread "Logger" after that time, and waits until it has.
+    static void OnLoggerThread(const std::function<void()>& run, int32_t milliseconds = 0) {
+        const auto done = std::make_shared<KxEvent>(true, false);
+        LoggerManager::GetPollThread()->AddTask("test", nullptr, milliseconds, [&run, done](bool) {
+            run();
+            done->Set();
             return false;
         });
-        serves->Wait(kInfinite);
+        done->Wait(kInfinite);
+    }
+    // Starts the thread "Logger" and waits until it serves, so that its first lines are over.
+    static void StartThread() {
+        OnLoggerThread([] {});
     }
 
     // The default logger, not started.
