@@ -1,34 +1,13 @@
 // What each key does to a logger, at the start and while it runs.
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <functional>
+#include <optional>
 
 #include "logging/ConfigSettingsReader.h"
-#include "runtime/KxPollThread.h"
 #include "tests/logging/LogSupport.h"
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-// The keys under their section, which is the same in all of these tests.
-std::string ConfigText(const Lines& keys) {
-    std::string text;
-    for (const std::string& key : keys) text += "Test.logger." + key + "\n";
-    return text;
-}
-
-// Runs what the watcher does where the watcher does it.
-void OnLoggerThread(const std::function<void()>& run) {
-    KxEvent done(true, false);
-    LoggerManager::GetPollThread()->AddTask("Test", static_cast<KxEvent*>(nullptr), 0, [&](bool) {
-        run();
-        done.Set();
-        return false;
-    });
-    ASSERT_EQ(done.Wait(10000), kWaitSignaled);
-}
 
 class LoggerSettingsTest : public LoggingTest {
 protected:
@@ -38,15 +17,12 @@ protected:
         std::cerr.rdbuf(savedErrors);
     }
 
-    // A default logger of its own for each call, not started, that those keys are for.
-    RCPtr<Logger> Configure(const Lines& keys, int level = kLogInfo) {
+    // A default logger of its own for each call, not started, with those keys and writers.
+    void Configure(const Lines& keys, const std::vector<int>& types = {kStdOutWriter}) {
         LoggerManager::Shutdown();
-        logger = MakeLogger(level);
+        logger = MakeLogger();
         Write(keys);
         EXPECT_TRUE(logger->AddConfigFile(path));
-        return logger;
-    }
-    void AddWriters(std::initializer_list<int> types) {
         for (const int type : types) {
             if (type == kFileWriter) {
                 AddFileWriter(logger, folder.path);
@@ -54,6 +30,7 @@ protected:
                 logger->AddWriter(type);
             }
         }
+        output.Clear();
     }
     // From here on output holds only what comes after the start.
     void Start() {
@@ -61,16 +38,17 @@ protected:
         reader = new ConfigSettingsReader(logger.Get(), "Test.logger", path);
         output.Clear();
     }
-    // The file changes while the logger runs.
+    // The file changes while the logger runs, and is read where the watcher does it.
     void Change(const Lines& keys) {
         Write(keys);
         OnLoggerThread([&] { reader->CheckFile(true); });
     }
     void Write(const Lines& keys) {
-        WriteText(path, ConfigText(keys));
-        modified += 60;
-        const timespec times[2] = {{modified, 0}, {modified, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        std::string text;
+        for (const std::string& key : keys) text += "Test.logger." + key + "\n";
+        WriteText(path, text);
+        age -= 60;
+        SetFileAge(path, age);
     }
 
     std::string Property(int type, const std::string& key) {
@@ -89,12 +67,17 @@ protected:
         }
         return changes;
     }
-    Lines Changes() const { return ChangesIn(output.Text()); }
+    // Since the last call.
+    Lines Changes() {
+        const Lines changes = ChangesIn(output.Text());
+        output.Clear();
+        return changes;
+    }
 
     TempFolder folder;
     TempFolder configFolder;
     const std::string path = configFolder.File("config");
-    time_t modified = 1000;
+    int64 age = 1000000;  // of the file, less with each change
     RCPtr<Logger> logger;
     RCPtr<ConfigSettingsReader> reader;
     std::ostringstream errors;
@@ -104,37 +87,29 @@ protected:
 constexpr const char* kUnbuffered = "enableBuffering = false";
 
 TEST_F(LoggerSettingsTest, TheLevelAtTheStart) {
-    struct Case {
-        Lines keys;
-        int level;
+    const std::pair<const char*, int> cases[] = {
+        {"", kLogWarn},
+        {"logLevel = DEBUG", kLogDebug},
+        {"logLevel = Verbose  ", kLogVerbose},
+        {"logLevel = always", kLogAlways},
+        {"logLevel = NEVER", kLogWarn},
+        {"logLevel = 5", kLogWarn},
+        {"LOGLEVEL = DEBUG", kLogWarn},
     };
-    for (const Case& c : {Case{{}, kLogWarn},
-                          {{"logLevel = DEBUG"}, kLogDebug},
-                          {{"logLevel = Debug  "}, kLogDebug},
-                          {{"logLevel = always"}, kLogAlways},
-                          {{"logLevel = verbose"}, kLogVerbose},
-                          {{"logLevel = WARN"}, kLogWarn},
-                          {{"logLevel = info"}, kLogInfo},
-                          {{"logLevel = NEVER"}, kLogWarn},
-                          {{"logLevel = chatty"}, kLogWarn},
-                          {{"logLevel = 5"}, kLogWarn},
-                          {{"logLevel ="}, kLogWarn},
-                          {{"LOGLEVEL = DEBUG"}, kLogWarn}}) {
-        Configure(c.keys, kLogWarn);
-        AddWriters({kStdOutWriter});
-        output.Clear();
+    for (const auto& [key, level] : cases) {
+        Configure({key});
+        logger->SetLevel(kLogWarn);
         ASSERT_TRUE(logger->Start());
-        EXPECT_EQ(logger->GetLevel(), c.level);
-        EXPECT_EQ(gLogLevel.load(), c.level);
-        EXPECT_EQ(Changes(), Lines());
-        EXPECT_TRUE(Contains(output.Text(), std::string("Log Level: ") + LogLevelName(c.level) + " (read from " + path +
+        EXPECT_EQ(logger->GetLevel(), level) << key;
+        EXPECT_EQ(gLogLevel.load(), level);
+        EXPECT_TRUE(Contains(output.Text(), std::string("Log Level: ") + LogLevelName(level) + " (read from " + path +
                                                 " [Test.logger.logLevel])\n"));
+        EXPECT_EQ(Changes(), Lines());
     }
 }
 
 TEST_F(LoggerSettingsTest, TheLevelWhileRunning) {
     Configure({kUnbuffered, "logLevel = WARN"});
-    AddWriters({kStdOutWriter});
     Start();
     const struct {
         const char* key;
@@ -148,106 +123,67 @@ TEST_F(LoggerSettingsTest, TheLevelWhileRunning) {
         {"logLevel = chatty", kLogNever, "logLevel changed to NEVER"},
         {"", kLogInfo, "logLevel changed to INFO"},
         {"logLevel =", kLogInfo, nullptr},
-        {"logLevel = Error", kLogError, "logLevel changed to ERROR"},
     };
     for (const auto& step : steps) {
-        output.Clear();
         Change({kUnbuffered, step.key});
         EXPECT_EQ(logger->GetLevel(), step.level) << step.key;
         EXPECT_EQ(gLogLevel.load(), step.level);
         EXPECT_EQ(Changes(), step.change ? Lines{step.change} : Lines()) << step.key;
-        EXPECT_STREQ(logger->GetLevelName(), LogLevelName(step.level));
     }
-}
 
-TEST_F(LoggerSettingsTest, TheLevelWordIsTheDefaultLoggersOnly) {
-    Configure({kUnbuffered, "logLevel = WARN"});
-    AddWriters({kStdOutWriter});
-    Start();
     const RCPtr<Logger> other = LoggerManager::CreateLogger("other", "Test", true);
     other->AddWriter(kStdOutWriter);
     ASSERT_TRUE(other->Start());
-    output.Clear();
     Change({kUnbuffered, "logLevel = TRACE"});
     EXPECT_EQ(logger->GetLevel(), kLogTrace);
-    EXPECT_EQ(gLogLevel.load(), kLogInfo);
+    EXPECT_EQ(gLogLevel.load(), kLogInfo) << "that of the default logger";
     EXPECT_EQ(Changes(), Lines{"logLevel changed to TRACE"}) << "told by the default logger";
 }
 
 TEST_F(LoggerSettingsTest, LocalTime) {
-    struct Case {
-        Lines keys;
-        bool before;
-        bool local;
-    };
-    for (const Case& c : {Case{{}, true, true},
-                          {{}, false, false},
-                          {{"useLocalTime=false"}, true, false},
-                          {{"useLocalTime = TRUE"}, false, true},
-                          {{"useLocalTime = 1"}, false, false}}) {
-        Configure(c.keys);
-        AddWriters({kStdOutWriter});
-        logger->SetUseLocalTime(c.before);
+    for (const auto& [key, before, local] : {std::tuple{"", true, true},
+                                             {"", false, false},
+                                             {"useLocalTime=false", true, false},
+                                             {"useLocalTime = TRUE", false, true}}) {
+        Configure({key});
+        logger->SetUseLocalTime(before);
         ASSERT_TRUE(logger->Start());
-        EXPECT_EQ(logger->UsesLocalTime(), c.local);
+        EXPECT_EQ(logger->UsesLocalTime(), local) << key;
     }
     Configure({kUnbuffered, "useLocalTime = false"});
-    AddWriters({kStdOutWriter});
     Start();
-    const std::pair<const char*, Lines> steps[] = {
-        {"useLocalTime = False", {}},
-        {"", {"useLocalTime changed to TRUE"}},
-        {"useLocalTime = true", {}},
-        {"useLocalTime = false", {"useLocalTime changed to FALSE"}},
-        {"useLocalTime = 0", {"useLocalTime changed to TRUE"}},
+    const std::tuple<const char*, bool, Lines> steps[] = {
+        {"useLocalTime = False", false, {}},
+        {"", true, {"useLocalTime changed to TRUE"}},
+        {"useLocalTime = true", true, {}},
+        {"useLocalTime = false", false, {"useLocalTime changed to FALSE"}},
+        {"useLocalTime = 0", true, {"useLocalTime changed to TRUE"}},
     };
-    bool local = false;
-    for (const auto& [key, changes] : steps) {
-        output.Clear();
+    for (const auto& [key, local, changes] : steps) {
         Change({kUnbuffered, key});
-        if (!changes.empty()) local = !local;
         EXPECT_EQ(logger->UsesLocalTime(), local) << key;
         EXPECT_EQ(Changes(), changes) << key;
     }
 }
 
-TEST_F(LoggerSettingsTest, BufferingAtTheStart) {
-    struct Case {
-        Lines keys;
-        bool file;
-        bool stdOut;
-    };
-    for (const Case& c : {Case{{}, true, false},
-                          {{"enableBuffering = true"}, true, true},
-                          {{"enableBuffering = false"}, false, false},
-                          {{"enableBuffering = no"}, true, false}}) {
-        Configure(c.keys);
-        AddWriters({kFileWriter, kStdOutWriter});
-        ASSERT_TRUE(logger->Start());
-        EXPECT_EQ(logger->GetWriter(kFileWriter)->IsBuffering(), c.file);
-        EXPECT_EQ(logger->GetWriter(kStdOutWriter)->IsBuffering(), c.stdOut);
+TEST_F(LoggerSettingsTest, Buffering) {
+    for (const auto& [key, file, stdOut] : {std::tuple{"enableBuffering = true", true, true},
+                                            {kUnbuffered, false, false},
+                                            {"enableBuffering = no", true, false}}) {
+        Configure({key}, {kFileWriter, kStdOutWriter});
+        Start();
+        EXPECT_EQ(logger->GetWriter(kFileWriter)->IsBuffering(), file) << key;
+        EXPECT_EQ(logger->GetWriter(kStdOutWriter)->IsBuffering(), stdOut) << key;
     }
-}
-
-TEST_F(LoggerSettingsTest, BufferingWhileRunning) {
-    Configure({});
-    AddWriters({kFileWriter, kStdOutWriter});
     const RCPtr<LogWriter> file = logger->GetWriter(kFileWriter);
     const RCPtr<LogWriter> stdOut = logger->GetWriter(kStdOutWriter);
-    Start();
     Change({});
     EXPECT_TRUE(file->IsBuffering() && stdOut->IsBuffering()) << "an absent key";
-    Change({"enableBuffering = false"});
+    Change({kUnbuffered});
     EXPECT_FALSE(file->IsBuffering() || stdOut->IsBuffering());
-    const Lines changes{"enableBuffering changed to TRUE", "enableBuffering changed to FALSE",
-                        "enableBuffering changed to FALSE"};
-    EXPECT_EQ(Changes(), changes) << "for each writer that differs";
-    Change({"enableBuffering = false"});
-    EXPECT_EQ(Changes(), changes);
-    Change({"enableBuffering = maybe"});
-    EXPECT_TRUE(file->IsBuffering() && stdOut->IsBuffering());
-    LoggerManager::Shutdown();
-    EXPECT_EQ(Changes().size(), changes.size() + 2);
+    EXPECT_EQ(Changes(), (Lines{"enableBuffering changed to TRUE", "enableBuffering changed to FALSE",
+                                "enableBuffering changed to FALSE"}))
+        << "for each writer that differs";
 }
 
 struct Switch {
@@ -261,98 +197,71 @@ constexpr Switch kSwitches[] = {
     {kStdErrWriter, "logToStderr", "STDERR"},
 };
 
-// Keys that make the new writers work, whichever they are.
-Lines PlaceKeys(const std::string& folder) {
-    return {"logDirectory = " + folder, "logRemoteAddress = 127.0.0.1", "logRemotePort = 9"};
+// Keys that make the new writers work, whichever they are, and more.
+Lines PlaceKeys(const std::string& folder, const Lines& more) {
+    Lines keys{"logDirectory = " + folder, "logRemoteAddress = 127.0.0.1", "logRemotePort = 9"};
+    keys.insert(keys.end(), more.begin(), more.end());
+    return keys;
 }
 
-TEST_F(LoggerSettingsTest, SwitchesMakeWritersAtTheStart) {
-    for (const Switch& each : kSwitches) {
-        struct Case {
-            const char* value;  // null for no key
-            bool mayCreate;
-            bool made;
-        };
-        for (const Case& c : {Case{"true", true, true},
-                              {"TRUE", true, true},
-                              {"false", true, false},
-                              {"1", true, false},
-                              {nullptr, true, false},
-                              {"true", false, false}}) {
-            Lines keys = PlaceKeys(folder.path);
-            if (c.value) keys.push_back(std::string(each.key) + " = " + c.value);
-            Configure(keys);
+TEST_F(LoggerSettingsTest, SwitchesAtTheStart) {
+    struct Case {
+        std::optional<bool> before;  // whether the writer that is there is enabled
+        const char* value;
+        bool mayCreate;
+        std::optional<bool> after;
+    };
+    for (const Case& c : {Case{{}, " = true", true, true},
+                          {{}, " = TRUE", true, true},
+                          {{}, " = false", true, {}},
+                          {{}, " = 1", true, {}},
+                          {{}, "", true, {}},
+                          {{}, " = true", false, {}},
+                          {true, " = false", false, false},
+                          {true, " = 0", false, true},
+                          {false, " = true", false, true},
+                          {false, "", false, false}}) {
+        for (const Switch& each : kSwitches) {
+            SCOPED_TRACE(each.key + std::string(c.value));
+            const std::vector<int> types(c.before ? 1 : 0, each.type);
+            Configure(PlaceKeys(folder.path, {each.key + std::string(c.value)}), types);
             logger->SetAutoCreateWriters(c.mayCreate);
-            output.Clear();
-            EXPECT_EQ(logger->Start(), c.made) << each.key;
-            ASSERT_EQ(logger->HasWriter(each.type), c.made) << each.key;
-            EXPECT_EQ(Changes(), Lines());
-            for (const Switch& other : kSwitches) EXPECT_EQ(logger->HasWriter(other.type), c.made && &other == &each);
-            if (!c.made) continue;
-            EXPECT_TRUE(logger->GetWriter(each.type)->IsEnabled());
-        }
-    }
-}
-
-TEST_F(LoggerSettingsTest, SwitchesActOnAWriterThatIsThereAtTheStart) {
-    for (const Switch& each : kSwitches) {
-        for (const bool before : {true, false}) {
-            for (const char* const value : {"true", "false", "0", ""}) {
-                Lines keys = PlaceKeys(folder.path);
-                keys.push_back(std::string(each.key) + " = " + value);
-                Configure(keys);
-                AddWriters({each.type});
-                logger->SetAutoCreateWriters(false);
-                const RCPtr<LogWriter> writer = logger->GetWriter(each.type);
-                writer->SetEnabled(before);
-                output.Clear();
-                EXPECT_TRUE(logger->Start());
-                const std::string text = value;
-                EXPECT_EQ(writer->IsEnabled(), text == "true" || (text != "false" && before)) << each.key << value;
-                EXPECT_EQ(Changes(), Lines());
+            if (c.before) logger->GetWriter(each.type)->SetEnabled(*c.before);
+            EXPECT_EQ(logger->Start(), c.after.has_value());
+            for (const Switch& other : kSwitches) EXPECT_EQ(logger->HasWriter(other.type), c.after && &other == &each);
+            if (c.after) {
+                EXPECT_EQ(logger->GetWriter(each.type)->IsEnabled(), *c.after);
             }
+            EXPECT_EQ(Changes(), Lines());
         }
     }
 }
 
 TEST_F(LoggerSettingsTest, SwitchesWhileRunning) {
     for (const Switch& each : kSwitches) {
-        Lines keys = PlaceKeys(folder.path);
-        keys.push_back(kUnbuffered);
-        Configure(keys);
         // What the writer on a stream that is looked at doesn't tell itself, another one does.
-        AddWriters({each.type});
         const bool onOutput = each.type == kDebugWriter || each.type == kStdOutWriter;
-        if (!onOutput) AddWriters({kDebugWriter});
+        Configure(PlaceKeys(folder.path, {kUnbuffered}), {each.type, onOutput ? each.type : kDebugWriter});
         const RCPtr<LogWriter> writer = logger->GetWriter(each.type);
         Start();
         const std::string name = std::string(each.label) + " - " + each.key + " changed to ";
-        Lines expected;
-        const std::tuple<const char*, bool, const char*> steps[] = {
-            {"", true, nullptr},       {" = true", true, nullptr},   {" = False", false, "FALSE"},
-            {" = no", false, nullptr}, {" = false", false, nullptr}, {"", false, nullptr},
-            {" = TRUE", true, "TRUE"},
+        const std::tuple<const char*, bool> steps[] = {
+            {"", true},          {" = true", true}, {" = False", false}, {" = no", false},
+            {" = false", false}, {"", false},       {" = TRUE", true},
         };
-        for (const auto& [value, enabled, change] : steps) {
-            Lines now = keys;
-            if (*value) now.push_back(each.key + std::string(value));
-            Change(now);
+        for (const auto& [value, enabled] : steps) {
+            Change(PlaceKeys(folder.path, {kUnbuffered, each.key + std::string(value)}));
             EXPECT_EQ(writer->IsEnabled(), enabled) << each.key << value;
-            if (change) expected.push_back(name + change);
         }
-        EXPECT_EQ(Changes(), expected) << each.key;
+        EXPECT_EQ(Changes(), (Lines{name + "FALSE", name + "TRUE"}));
     }
 }
 
 TEST_F(LoggerSettingsTest, AWriterThatIsNotThereIsNotMadeWhileRunning) {
     Configure({kUnbuffered});
-    AddWriters({kStdOutWriter});
     Start();
-    Lines keys = PlaceKeys(folder.path);
-    keys.insert(keys.end(), {kUnbuffered, "logMaxNumFiles = 3"});
-    for (const Switch& each : kSwitches) {
-        if (each.type != kStdOutWriter) keys.push_back(std::string(each.key) + " = true");
-    }
+    Lines keys = PlaceKeys(folder.path, {kUnbuffered, "logMaxNumFiles = 3"});
+    for (const Switch& each : kSwitches) keys.push_back(std::string(each.key) + " = true");
     Change(keys);
     for (const Switch& each : kSwitches) EXPECT_EQ(logger->HasWriter(each.type), each.type == kStdOutWriter);
     EXPECT_EQ(Changes(), Lines());
@@ -360,174 +269,94 @@ TEST_F(LoggerSettingsTest, AWriterThatIsNotThereIsNotMadeWhileRunning) {
 }
 
 TEST_F(LoggerSettingsTest, TheLineAboutASwitchOffReachesItsWriter) {
-    for (const bool buffering : {false, true}) {
-        const std::string mode = buffering ? "enableBuffering = true" : kUnbuffered;
-        Configure({mode});
-        const RCPtr<FileWriter> file = AddFileWriter(logger, folder.path);
+    for (const std::string& mode : {std::string("enableBuffering = true"), std::string(kUnbuffered)}) {
+        Configure({mode}, {kFileWriter});
         Start();
-        const std::string current = file->GetCurrentPath();
+        const std::string current = folder.File(folder.Names()[0]);
         Logger::Log("Test()", kLogInfo, "before");
         Change({mode, "logEnabled = false"});
         const std::string off = ReadText(current);
         EXPECT_EQ(CountOf(off, "Test(): before\n"), 1u);
         EXPECT_EQ(ChangesIn(off), Lines{"FILE - logEnabled changed to FALSE"}) << mode;
         Logger::Log("Test()", kLogInfo, "meanwhile");
-        EXPECT_EQ(ReadText(current), off);
         Change({mode, "logEnabled = true"});
         Logger::Log("Test()", kLogInfo, "after");
         LoggerManager::Shutdown();
-        const std::string whole = ReadText(current);
-        EXPECT_EQ(ChangesIn(whole), (Lines{"FILE - logEnabled changed to FALSE", "FILE - logEnabled changed to TRUE"}));
-        EXPECT_EQ(CountOf(whole, "meanwhile"), 0u);
-        EXPECT_EQ(CountOf(whole, "Test(): after\n"), 1u);
+        const std::string later = ReadText(current).substr(off.size());
+        EXPECT_EQ(ChangesIn(later), Lines{"FILE - logEnabled changed to TRUE"});
+        EXPECT_EQ(CountOf(later, "meanwhile"), 0u);
+        EXPECT_EQ(CountOf(later, "Test(): after\n"), 1u);
         std::filesystem::remove(current);
     }
 }
 
-struct FileKey {
-    const char* key;
-    const char* property;
-    const char* initial;
-    const char* limit;  // what is kept of 5000
-};
-constexpr FileKey kFileKeys[] = {
-    {"logMaxDaysKept", "maxDaysKept", "7", "5000"},
-    {"logMaxNumFiles", "maxNumFiles", "25", "5000"},
-    {"logMinAgeInHours", "minAgeInHours", "2", "5000"},
-    {"logMaxFileSizeMB", "maxFileSizeMB", "15", "1024"},
-    {"logMaxRollingFiles", "maxRollingFiles", "4", "1000"},
-    {"logDiskThresholdLowMB", "diskThresholdLowMB", "200", "5000"},
-    {"logDiskThresholdHighMB", "diskThresholdHighMB", "500", "5000"},
-};
-
-TEST_F(LoggerSettingsTest, FileKeysAtTheStart) {
-    for (const FileKey& each : kFileKeys) {
-        const std::pair<const char*, const char*> values[] = {
-            {"", each.initial}, {"-1", each.initial}, {"5", "5"}, {"0", "0"}, {"many", "0"}, {"5000", each.limit},
-        };
-        for (const auto& [value, kept] : values) {
-            Configure({std::string(each.key) + " = " + value});
-            AddWriters({kFileWriter, kStdOutWriter});
-            output.Clear();
-            ASSERT_TRUE(logger->Start());
-            EXPECT_EQ(Property(kFileWriter, each.property), kept) << each.key << " = " << value;
-            EXPECT_EQ(Changes(), Lines());
-            for (const FileKey& other : kFileKeys) {
-                if (&other == &each) continue;
-                EXPECT_EQ(Property(kFileWriter, other.property), other.initial);
-            }
-        }
-    }
-}
-
-TEST_F(LoggerSettingsTest, FileKeysWhileRunning) {
-    for (const FileKey& each : kFileKeys) {
-        Configure({kUnbuffered});
-        AddWriters({kFileWriter, kStdOutWriter});
+TEST_F(LoggerSettingsTest, ANumberAtTheStartAndWhileRunning) {
+    const auto keys = [](const char* value) { return Lines{kUnbuffered, std::string("logMaxFileSizeMB = ") + value}; };
+    for (const auto& [value, kept] : {std::pair{"5", "5"}, {"many", "0"}, {"-1", "15"}}) {
+        Configure(keys(value), {kFileWriter, kStdOutWriter});
         Start();
-        const std::tuple<const char*, const char*, const char*> steps[] = {
-            {each.initial, each.initial, nullptr},
-            {"5", "5", "5"},
-            {"5", "5", nullptr},
-            {"", "5", nullptr},
-            {"4294967295", "5", nullptr},
-            {"5000", each.limit, "5000"},  // as given
-            {"many", "0", "0"},
-        };
-        for (const auto& [value, kept, told] : steps) {
-            output.Clear();
-            Change({kUnbuffered, std::string(each.key) + " = " + value});
-            EXPECT_EQ(Property(kFileWriter, each.property), kept) << each.key << " = " << value;
-            const Lines expected = told ? Lines{"FILE - " + std::string(each.key) + " changed to " + told} : Lines();
-            EXPECT_EQ(Changes(), expected) << each.key << " = " << value;
-        }
+        EXPECT_EQ(Property(kFileWriter, "maxFileSizeMB"), kept) << value;
+    }
+    const std::tuple<const char*, const char*, const char*> steps[] = {
+        {"15", "15", nullptr},        {"5", "5", "5"},          {"", "5", nullptr},
+        {"4294967295", "5", nullptr}, {"5000", "1024", "5000"},  // as given
+        {"many", "0", "0"},
+    };
+    for (const auto& [value, kept, told] : steps) {
+        Change(keys(value));
+        EXPECT_EQ(Property(kFileWriter, "maxFileSizeMB"), kept) << value;
+        EXPECT_EQ(Changes(), told ? Lines{std::string("FILE - logMaxFileSizeMB changed to ") + told} : Lines());
     }
 }
 
 TEST_F(LoggerSettingsTest, AllKeysOfOneChangeAreToldInOrder) {
-    Configure({kUnbuffered});
-    AddWriters({kFileWriter, kStdOutWriter});
+    Configure({kUnbuffered}, {kFileWriter, kStdOutWriter});
     Start();
-    Change({"logToStdout = true", "logDiskThresholdHighMB = 9", "logMaxFileSizeMB = 9", "logMaxDaysKept = 9",
-            "useLocalTime = false", "logLevel = TRACE", kUnbuffered, "logMaxNumFiles = 5", "logEnabled = false",
-            "logDiskThresholdLowMB = 9", "logMaxRollingFiles = 9", "logMinAgeInHours = 9"});
+    const auto numbers = [&] {
+        std::string text;
+        for (const char* const property : {"maxDaysKept", "maxNumFiles", "minAgeInHours", "maxFileSizeMB",
+                                           "maxRollingFiles", "diskThresholdLowMB", "diskThresholdHighMB"}) {
+            text += Property(kFileWriter, property) + " ";
+        }
+        return text;
+    };
+    EXPECT_EQ(numbers(), "7 25 2 15 4 200 500 ");
+    Change({"logToStdout = true", "logDiskThresholdHighMB = 27", "logMaxFileSizeMB = 24", "logMaxDaysKept = 21",
+            "useLocalTime = false", "logLevel = TRACE", kUnbuffered, "logMaxNumFiles = 22", "logEnabled = false",
+            "logDiskThresholdLowMB = 26", "logMaxRollingFiles = 25", "logMinAgeInHours = 23"});
     EXPECT_EQ(Changes(),
               (Lines{"logLevel changed to TRACE", "useLocalTime changed to FALSE", "FILE - logEnabled changed to FALSE",
-                     "FILE - logMaxDaysKept changed to 9", "FILE - logMaxNumFiles changed to 5",
-                     "FILE - logMinAgeInHours changed to 9", "FILE - logMaxFileSizeMB changed to 9",
-                     "FILE - logMaxRollingFiles changed to 9", "FILE - logDiskThresholdLowMB changed to 9",
-                     "FILE - logDiskThresholdHighMB changed to 9"}));
+                     "FILE - logMaxDaysKept changed to 21", "FILE - logMaxNumFiles changed to 22",
+                     "FILE - logMinAgeInHours changed to 23", "FILE - logMaxFileSizeMB changed to 24",
+                     "FILE - logMaxRollingFiles changed to 25", "FILE - logDiskThresholdLowMB changed to 26",
+                     "FILE - logDiskThresholdHighMB changed to 27"}));
+    EXPECT_EQ(numbers(), "21 22 23 24 25 26 27 ");
 }
 
-TEST_F(LoggerSettingsTest, TheFolderIsTakenAtTheStartOnly) {
+TEST_F(LoggerSettingsTest, PlacesAreTakenAtTheStartOnly) {
     const TempFolder other;
-    Configure({kUnbuffered, "logEnabled = true", "logDirectory = " + folder.path});
-    AddWriters({kStdOutWriter});
+    const auto keys = [](const std::string& directory, const std::string& address, const std::string& port) {
+        return Lines{"logEnabled = true", "logDirectory = " + directory, "logToSyslog = true",
+                     "logRemoteAddress = " + address, "logRemotePort = " + port};
+    };
+    Configure(keys(folder.path, "127.0.0.1", "5514"));
     Start();
-    EXPECT_EQ(Property(kFileWriter, "folderPath"), folder.path);
     EXPECT_EQ(folder.Names().size(), 1u);
-    Change({kUnbuffered, "logEnabled = true", "logDirectory = " + other.path});
+    Change(keys(other.path, "127.0.0.2", "5515"));
     EXPECT_EQ(Property(kFileWriter, "folderPath"), folder.path);
-    EXPECT_EQ(Changes(), Lines{"enableBuffering changed to FALSE"}) << "the writer was made behind that key";
+    EXPECT_EQ(Property(kSocketWriter, "remoteAddress"), "127.0.0.1");
+    EXPECT_EQ(Property(kSocketWriter, "remotePort"), "5514");
     EXPECT_EQ(other.Names(), Lines());
 }
 
-TEST_F(LoggerSettingsTest, TheAddressIsTakenAtTheStartOnly) {
-    Configure({kUnbuffered, "logToSyslog = true", "logRemoteAddress = 127.0.0.1", "logRemotePort = 5514"});
-    AddWriters({kStdOutWriter});
-    Start();
-    EXPECT_EQ(Property(kSocketWriter, "remoteAddress"), "127.0.0.1");
-    EXPECT_EQ(Property(kSocketWriter, "remotePort"), "5514");
-    Change({kUnbuffered, "logToSyslog = true", "logRemoteAddress = 127.0.0.2", "logRemotePort = 5515"});
-    EXPECT_EQ(Property(kSocketWriter, "remoteAddress"), "127.0.0.1");
-    EXPECT_EQ(Property(kSocketWriter, "remotePort"), "5514");
-    EXPECT_EQ(Changes(), Lines());
-}
-
 TEST_F(LoggerSettingsTest, LaterFilesOverrideEarlierOnes) {
-    const std::string second = configFolder.File("second");
-    WriteText(second, "Test.logger.logMaxNumFiles = 9\n");
-    Configure({"logLevel = DEBUG", "logMaxNumFiles = 3", "logMaxDaysKept = 4"});
-    EXPECT_TRUE(logger->AddConfigFile(second));
+    Configure({"logLevel = DEBUG", "logMaxNumFiles = 3", "logMaxDaysKept = 4"}, {kFileWriter});
+    EXPECT_TRUE(logger->AddConfigFile(configFolder.Write("second", "Test.logger.logMaxNumFiles = 9\n")));
     EXPECT_TRUE(logger->AddConfigFile(configFolder.File("missing")));
-    AddWriters({kFileWriter});
     ASSERT_TRUE(logger->Start());
     EXPECT_EQ(logger->GetLevel(), kLogDebug) << "an absent key changes nothing before the start";
     EXPECT_EQ(Property(kFileWriter, "maxNumFiles"), "9");
     EXPECT_EQ(Property(kFileWriter, "maxDaysKept"), "4");
-}
-
-TEST_F(LoggerSettingsTest, NothingIsAppliedWithoutAReader) {
-    Configure({}, kLogWarn);
-    AddWriters({kStdOutWriter});
-    Start();
-    logger->ApplySettings(RCPtr<SettingsReader>());
-    EXPECT_EQ(logger->GetLevel(), kLogWarn);
-    EXPECT_EQ(output.Text(), "");
-}
-
-// A reader that isn't one on a file, with no keys at all.
-class OtherReader : public SettingsReader {
-public:
-    bool IsFileReader() override { return false; }
-    const char* GetName() override { return "OtherReader"; }
-    bool GetString(const std::string&, int, std::string&, bool) override { return false; }
-    bool GetUInt(const std::string&, uint32_t*, bool) override { return false; }
-    bool GetBool(const std::string&, bool*, bool) override { return false; }
-    std::string Describe(const std::string& key) override { return "other:" + key; }
-};
-
-TEST_F(LoggerSettingsTest, ThisPlatformHasNoTraceKey) {
-    Configure({}, kLogWarn);
-    AddWriters({kStdOutWriter});
-    EXPECT_TRUE(logger->SetTraceKeyFallback(true));
-    const RCPtr<SettingsReader> other(new OtherReader);
-    logger->ApplySettings(other);
-    EXPECT_EQ(logger->GetLevel(), kLogWarn);
-    Start();
-    OnLoggerThread([&] { logger->ApplySettings(other); });
-    EXPECT_EQ(logger->GetLevel(), kLogInfo);
-    EXPECT_TRUE(Contains(output.Text(), " A OtherReader: logLevel changed to INFO\n"));
 }
 
 }  // namespace
