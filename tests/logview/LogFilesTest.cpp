@@ -1,5 +1,6 @@
 #include "tools/logview/LogFiles.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -10,28 +11,21 @@
 namespace {
 
 TEST(LogFiles, ReadsTheNamesThatTheWriterGives) {
-    struct Case {
-        const char* name;
-        bool known;
-        const char* process;
-        uint32_t number;
-    };
-    for (const Case& c : {Case{"velmora-Usb-0-4321__2026-11-17-23-22.log", true, "velmora-Usb-0-4321", 1},
-                          {"velmora-Usb-0-4321(2)__2026-11-17-23-22.log", true, "velmora-Usb-0-4321", 2},
-                          {"velmora-a-0-7__x-0-4321(0017)__2026-11-17-23-22.log", true, "velmora-a-0-7__x-0-4321", 17},
-                          {"velmora-Usb-0-4321()__2026-11-17-23-22.log", false, "", 0},
-                          {"velmora-Usb-0-4321(99999999999)__2026-11-17-23-22.log", false, "", 0},
-                          {"velmora-Usb-0-__2026-11-17-23-22.log", false, "", 0},
-                          {"velmora-Usb-1-4321__2026-11-17-23-22.log", false, "", 0},
-                          {"velmora-Usb-0-4321__2026-11-17-23-2.log", false, "", 0},
-                          {"velmora-Usb-0-4321__2026-11-17-23-22.log.gz", false, "", 0},
-                          {"other.log", false, "", 0}}) {
-        const auto parsed = ParseLogFileName(c.name);
-        ASSERT_EQ(parsed.has_value(), c.known) << c.name;
-        if (!parsed) continue;
-        EXPECT_EQ(parsed->process, c.process);
-        EXPECT_EQ(parsed->number, c.number);
+    for (const auto& [name, process, number] :
+         {std::tuple{"velmora-Usb-0-4321__2026-11-17-23-22.log", "velmora-Usb-0-4321", 1u},
+          {"velmora-Usb-0-4321(2)__2026-11-17-23-22.log", "velmora-Usb-0-4321", 2u},
+          {"velmora-a-0-7__x-0-4321(0017)__2026-11-17-23-22.log", "velmora-a-0-7__x-0-4321", 17u}}) {
+        const auto parsed = ParseLogFileName(name);
+        ASSERT_TRUE(parsed) << name;
+        EXPECT_EQ(parsed->process, process);
+        EXPECT_EQ(parsed->number, number);
         EXPECT_EQ(parsed->stamp, "2026-11-17-23-22");
+    }
+    for (const char* const name :
+         {"velmora-Usb-0-4321()__2026-11-17-23-22.log", "velmora-Usb-0-4321(99999999999)__2026-11-17-23-22.log",
+          "velmora-Usb-0-__2026-11-17-23-22.log", "velmora-Usb-1-4321__2026-11-17-23-22.log",
+          "velmora-Usb-0-4321__2026-11-17-23-2.log", "velmora-Usb-0-4321__2026-11-17-23-22.log.gz", "other.log"}) {
+        EXPECT_FALSE(ParseLogFileName(name)) << name;
     }
 }
 
@@ -44,7 +38,7 @@ protected:
         utimensat(AT_FDCWD, path.c_str(), times, 0);
     }
     std::string After(const std::string& name, time_t written) {
-        const auto next = FindNextLogFile(folder.Path(name), {written, 0});
+        const auto next = FindNextLogFile(folder.File(name), {written, 0});
         return next ? next->substr(next->rfind('/') + 1) : "";
     }
     TempFolder folder;
@@ -73,7 +67,7 @@ TEST(LogFiles, AreOrderedByTheirFirstEntries) {
     const TempFolder folder;
     const auto entry = [](const std::string& stamp) { return stamp + " <00000001> [10E1] I f(): x\n"; };
     std::vector<std::string> paths = {
-        folder.Path("absent"),
+        folder.File("absent"),
         folder.Write("empty", ""),
         folder.Write("late", entry("2026-11-17 23:00:00.000")),
         folder.Write("banner", kBannerLines + entry("2026-11-17 21:00:00.000") + entry("2020-01-01 00:00:00.000")),

@@ -16,7 +16,7 @@ const std::string kThird = "velmora-A-0-1(3)__2026-11-17-23-23.log";
 class Follower : public testing::Test {
 protected:
     void Start(const std::string& name) {
-        follower = std::make_unique<LogFollower>(folder.Path(name), filter, printer, stop);
+        follower = std::make_unique<LogFollower>(folder.File(name), filter, printer, stop);
     }
 
     // What the follower hands on until it finds nothing more.
@@ -43,27 +43,21 @@ TEST_F(Follower, ShowsLinesOnceTheyAreAtTheirEnd) {
     folder.Write("a.log", one + two.substr(0, 30));
     Start("a.log");
     EXPECT_EQ(News(), one);
-    folder.Append("a.log", two.substr(30, 10));
+    Append(folder.File("a.log"), two.substr(30, 10));
     EXPECT_EQ(News(), "");
-    folder.Append("a.log", two.substr(40) + "  continued\n");
+    Append(folder.File("a.log"), two.substr(40) + "  continued\n");
     EXPECT_EQ(News(), two + "  continued\n");
-    folder.Append("a.log", "unfinished");
+    Append(folder.File("a.log"), "unfinished");
     EXPECT_EQ(News(), "");
     follower->Finish();
     EXPECT_EQ(output.Text(), one + two + "  continued\nunfinished\n");
 }
 
-TEST_F(Follower, WaitsForAFileThatIsNotThereYet) {
+TEST_F(Follower, WaitsForAFileAndReadsOneThatWasCutShortFromItsStart) {
+    const std::string one = Entry("I", "f()", "a rather long line"), two = Entry("I", "f()", "two");
     Start("a.log");
     EXPECT_FALSE(follower->Poll());
-    folder.Write("a.log", Entry("I", "f()", "one"));
-    EXPECT_EQ(News(), Entry("I", "f()", "one"));
-}
-
-TEST_F(Follower, ReadsAFileThatWasCutShortFromItsStart) {
-    const std::string one = Entry("I", "f()", "a rather long line"), two = Entry("I", "f()", "two");
     folder.Write("a.log", one);
-    Start("a.log");
     EXPECT_EQ(News(), one);
     folder.Write("a.log", two);
     EXPECT_EQ(News(), two);
@@ -74,8 +68,8 @@ TEST_F(Follower, FinishesAFileAndTurnsToTheOneInItsPlace) {
     folder.Write("a.log", one);
     Start("a.log");
     EXPECT_EQ(News(), one);
-    folder.Append("a.log", last);
-    std::filesystem::rename(folder.Path("a.log"), folder.Path("a.log.1"));
+    Append(folder.File("a.log"), last);
+    std::filesystem::rename(folder.File("a.log"), folder.File("a.log.1"));
     EXPECT_EQ(News(), "");
     folder.Write("a.log", two);
     EXPECT_EQ(News(), last + "\n" + two);
@@ -87,11 +81,11 @@ TEST_F(Follower, GoesAcrossRollsWithoutLossAndWithoutRepeats) {
     Start(kFirst);
     EXPECT_EQ(News(), line(1));
     // A roll between two looks, with lines of the old file not yet seen; then two rolls, the middle file gone.
-    folder.Append(kFirst, line(2));
+    Append(folder.File(kFirst), line(2));
     folder.Write(kSecond, line(3));
     EXPECT_EQ(News(), line(2) + line(3));
-    EXPECT_EQ(follower->Path(), folder.Path(kSecond));
-    folder.Append(kSecond, line(4));
+    EXPECT_EQ(follower->Path(), folder.File(kSecond));
+    Append(folder.File(kSecond), line(4));
     folder.Write(kThird, line(5));
     folder.Write("velmora-A-0-1(4)__2026-11-17-23-24.log", line(6));
     EXPECT_EQ(News(), line(4) + line(5) + line(6));
@@ -108,7 +102,7 @@ TEST_F(Follower, KeepsUpWithAWriterThatRolls) {
     Start(name(1));
     std::thread writer([&] {
         for (int from = 0, number = 1; from < kLines; from += kLinesPerFile, number++) {
-            std::ofstream file(folder.Path(name(number)), std::ios::app);
+            std::ofstream file(folder.File(name(number)), std::ios::app);
             for (int i = from; i < std::min(from + kLinesPerFile, kLines); i++)
                 file << Entry("I", "f()", std::to_string(i));
         }

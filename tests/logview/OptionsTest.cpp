@@ -22,29 +22,26 @@ TEST(ViewOptions, ReadsValuesInBothFormsAndKeepsTheLast) {
 }
 
 TEST(ViewOptions, RefusesWhatItCannotUseWithALineThatNamesIt) {
-    struct Case {
-        Args args;
-        const char* error;
+    const std::pair<Args, const char*> cases[] = {
+        {{"--json"}, "no log file named"},
+        {{"-x", "a"}, "unknown option -x"},
+        {{"a", "--level"}, "--level needs a value"},
+        {{"a", "--level", "loud"},
+         "--level takes ALWAYS, ERROR, WARN, INFO, DEBUG, TRACE, VERBOSE or NEVER, not \"loud\""},
+        {{"a", "--thread", "xyz"}, "--thread takes a hexadecimal thread number, not \"xyz\""},
+        {{"a", "--thread", "0x"}, "--thread takes a hexadecimal thread number, not \"0x\""},
+        {{"a", "--thread", "11112222333344445"},
+         "--thread takes a hexadecimal thread number, not \"11112222333344445\""},
+        {{"a", "--text="}, "--text takes some text, not \"\""},
+        {{"a", "--color", "red"}, "--color takes auto, always or never, not \"red\""},
+        {{"a", "--json=1"}, "--json takes no value"},
+        {{""}, "an empty file name"},
     };
-    for (const Case& c : {Case{{}, "no log file named"},
-                          {{"--json"}, "no log file named"},
-                          {{"--what", "a"}, "unknown option --what"},
-                          {{"-x", "a"}, "unknown option -x"},
-                          {{"a", "--level"}, "--level needs a value"},
-                          {{"a", "--level", "loud"},
-                           "--level takes ALWAYS, ERROR, WARN, INFO, DEBUG, TRACE, VERBOSE or NEVER, not \"loud\""},
-                          {{"a", "--thread", "xyz"}, "--thread takes a hexadecimal thread number, not \"xyz\""},
-                          {{"a", "--thread", "0x"}, "--thread takes a hexadecimal thread number, not \"0x\""},
-                          {{"a", "--thread", "11112222333344445"},
-                           "--thread takes a hexadecimal thread number, not \"11112222333344445\""},
-                          {{"a", "--text="}, "--text takes some text, not \"\""},
-                          {{"a", "--color", "red"}, "--color takes auto, always or never, not \"red\""},
-                          {{"a", "--json=1"}, "--json takes no value"},
-                          {{""}, "an empty file name"}}) {
-        const auto parsed = ParseViewOptions(c.args);
+    for (const auto& [args, why] : cases) {
+        const auto parsed = ParseViewOptions(args);
         const auto* error = std::get_if<std::string>(&parsed);
-        ASSERT_TRUE(error) << c.error;
-        EXPECT_EQ(*error, c.error);
+        ASSERT_TRUE(error) << why;
+        EXPECT_EQ(*error, why);
     }
 }
 

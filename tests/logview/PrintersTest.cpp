@@ -10,21 +10,14 @@ namespace {
 
 using nlohmann::json;
 
-std::string AsJson(std::string_view log, size_t piece = 1000) {
-    CapturedOutput output;
-    JsonPrinter printer(output.Target());
-    const RecordFilter all;
-    RecordStream stream(all, printer);
-    Feed(stream, log, piece);
-    stream.End();
-    printer.Finish();
-    return output.Text();
-}
-
 // Each line has to be an object.
 std::vector<json> Objects(std::string_view log) {
+    CapturedOutput output;
+    JsonPrinter printer(output.Target());
+    FeedAll(log, printer);
+    printer.Finish();
     std::vector<json> objects;
-    std::istringstream lines(AsJson(log));
+    std::istringstream lines(output.Text());
     for (std::string line; std::getline(lines, line);) objects.push_back(json::parse(line));
     return objects;
 }
@@ -32,10 +25,7 @@ std::vector<json> Objects(std::string_view log) {
 std::string AsPlain(std::string_view log, bool color, bool escape) {
     CapturedOutput output;
     PlainPrinter printer(output.Target(), color, escape);
-    const RecordFilter all;
-    RecordStream stream(all, printer);
-    Feed(stream, log, 1000);
-    stream.End();
+    FeedAll(log, printer);
     return output.Text();
 }
 
@@ -45,38 +35,24 @@ TEST(JsonPrinter, GivesOneObjectForEachEntryAndNotice) {
     const auto objects =
         Objects("lost\n" + Entry("W", "A::Run()", "say \"a\\b\"\tto\r") + "  0x0000: 00\n" + kSeparatorLine +
                 Entry("E", "b()", "") + kBannerLines + disk + kSeparatorLine + "stray\n\n");
-    const std::vector<json> expected = {
+    const json stamped = {{"time", "2026-11-17 23:22:01.123"}, {"thread", "00000001"}, {"process", 0x10E1}};
+    std::vector<json> expected = {
         {{"text", "lost"}},
-        {{"time", "2026-11-17 23:22:01.123"},
-         {"thread", "00000001"},
-         {"process", 0x10E1},
-         {"level", "WARN"},
-         {"function", "A::Run()"},
-         {"text", "say \"a\\b\"\tto\r\n  0x0000: 00"}},
-        {{"time", "2026-11-17 23:22:01.123"},
-         {"thread", "00000001"},
-         {"process", 0x10E1},
-         {"level", "ERROR"},
-         {"function", "b()"},
-         {"text", ""}},
+        {{"level", "WARN"}, {"function", "A::Run()"}, {"text", "say \"a\\b\"\tto\r\n  0x0000: 00"}},
+        {{"level", "ERROR"}, {"function", "b()"}, {"text", ""}},
         {{"notice", "NEW LOG SESSION STARTING"}},
-        {{"time", "2026-11-17 23:22:01.123"},
-         {"thread", "00000001"},
-         {"process", 0x10E1},
-         {"notice", "Free disk space is 1.0MB - Logging suspended"}},
+        {{"notice", "Free disk space is 1.0MB - Logging suspended"}},
         {{"text", "stray"}},
     };
+    for (const size_t i : {1, 2, 4}) expected[i].update(stamped);
     EXPECT_EQ(objects, expected);
 }
 
 TEST(JsonPrinter, StaysValidForAnyBytes) {
-    struct Case {
-        std::string bytes, text;
-    };
-    const std::string bad = "\uFFFD";
+    const std::string bad = "\uFFFD", good = "\x01\x1f\x7f \xE2\x82\xAC \xF0\x9F\x98\x80 \xC3\xA9";
+    using Case = std::pair<std::string, std::string>;
     for (const Case& c : {Case{std::string("a\0b", 3), std::string("a\0b", 3)},
-                          {"\x01\x1f\x7f", "\x01\x1f\x7f"},
-                          {"\xE2\x82\xAC \xF0\x9F\x98\x80 \xC3\xA9", "\xE2\x82\xAC \xF0\x9F\x98\x80 \xC3\xA9"},
+                          {good, good},
                           {"\x80x", bad + "x"},
                           {"\xFFx\xFE", bad + "x" + bad},
                           {"\xC3", bad},
@@ -86,9 +62,9 @@ TEST(JsonPrinter, StaysValidForAnyBytes) {
                           {"\xE0\x80\x80", bad + bad + bad},
                           {"\xF4\x90\x80\x80", bad + bad + bad + bad},
                           {"\xF0\x9F\x98", bad + bad + bad}}) {
-        const auto objects = Objects(Entry("I", "f()", c.bytes));
+        const auto objects = Objects(Entry("I", "f()", c.first));
         ASSERT_EQ(objects.size(), 1u);
-        EXPECT_EQ(objects[0]["text"], c.text);
+        EXPECT_EQ(objects[0]["text"], c.second);
     }
     EXPECT_EQ(Objects(Entry("I", "\"\xFF", "x"))[0]["function"], "\"" + bad);
 }
@@ -116,15 +92,8 @@ TEST(PlainPrinter, ColorsLevelAndFunctionOnly) {
 }
 
 TEST(PlainPrinter, DisarmsControlCharacters) {
-    struct Case {
-        std::string text, shown;
-    };
-    for (const Case& c : {Case{"\x1b]0;x\x07", "\\x1B]0;x\\x07"},
-                          {std::string("\0\x7f\r", 3), "\\x00\\x7F\\x0D"},
-                          {"a\tb \xC2\x9B!", "a\tb \\x9B!"},
-                          {"\xC3\xA9\xC2\xA9", "\xC3\xA9\xC2\xA9"}}) {
-        EXPECT_EQ(AsPlain(c.text + "\n", false, true), c.shown + "\n");
-    }
+    const std::string text = std::string("\x1b]0;x\x07\0\x7f\r a\tb", 13) + " \xC2\x9B \xC3\xA9\xC2\xA9\n";
+    EXPECT_EQ(AsPlain(text, false, true), "\\x1B]0;x\\x07\\x00\\x7F\\x0D a\tb \\x9B \xC3\xA9\xC2\xA9\n");
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include "logging/Logger.h"
 #include "logging/LoggerManager.h"
 #include "tests/logview/ViewSupport.h"
-#include "tools/logview/LogFiles.h"
 #include "tools/logview/LogFollower.h"
 
 namespace {
@@ -15,7 +14,7 @@ namespace {
 constexpr int kLines = 12000;
 const std::string kFiller(200, '.');
 
-// Counts the lines of the test, which carry running numbers, and sees that none is missing, repeated or cut.
+// Sees that none of the test's lines, which carry running numbers, is missing, repeated or cut.
 class SequenceCheck : public RecordSink {
 public:
     void Take(const LogRecord& record) override {
@@ -32,14 +31,13 @@ TEST(RealLog, IsFollowedAcrossItsRollsLineByLine) {
     const RCPtr<Logger> logger = LoggerManager::CreateLogger("LogViewTest", "LogViewTest", false);
     ASSERT_TRUE(logger);
     const RCPtr<LogWriter> writer = logger->AddWriter(kFileWriter);
-    writer->SetProperty("folderPath", folder.Path(""));
+    writer->SetProperty("folderPath", folder.path);
     writer->SetProperty("maxFileSizeMB", "1");
     writer->SetProperty("maxRollingFiles", "0");
     writer->SetProperty("diskThresholdLowMB", "0");
     writer->SetBuffering(false);
     ASSERT_TRUE(logger->Start());
-    const std::string first = std::filesystem::directory_iterator(folder.Path(""))->path();
-    ASSERT_TRUE(ParseLogFileName(first.substr(first.rfind('/') + 1))) << first;
+    const std::string first = folder.File(folder.Names()[0]);
 
     const RecordFilter filter{kLogWarn, {}, "Writer", ""};
     SequenceCheck check;

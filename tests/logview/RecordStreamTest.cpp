@@ -26,13 +26,10 @@ const std::string kLog = "head of a dump\n" + Entry("I", "A::Run()", "one") + " 
                          Entry("W", "A::Stop()", "four");
 
 TEST(RecordStream, CutsAlikeHoweverTheBytesArrive) {
-    const RecordFilter all;
     std::vector<std::string> expected;
     for (const size_t piece : {kLog.size(), size_t{1}, size_t{7}, size_t{64}}) {
         Collector collector;
-        RecordStream stream(all, collector);
-        Feed(stream, kLog, piece);
-        stream.End();
+        FeedAll(kLog, collector, {}, piece);
         EXPECT_EQ(collector.bytes, kLog);
         if (expected.empty()) expected = collector.records;
         EXPECT_EQ(collector.records, expected) << piece;
@@ -63,9 +60,7 @@ TEST(RecordStream, FiltersWholeEntriesAndKeepsNotices) {
                           {{kLogUnknown, {}, "", "Stop"}, notices + banner},
                           {{kLogInfo, 1, "A::", "o"}, one + notices + banner + four}}) {
         Collector collector;
-        RecordStream stream(c.filter, collector);
-        Feed(stream, kLog, 11);
-        stream.End();
+        FeedAll(kLog, collector, c.filter, 11);
         EXPECT_EQ(collector.bytes, c.left);
     }
 }
@@ -75,22 +70,18 @@ TEST(RecordStream, HandsOnLongLinesInPartsOfBoundedSizeBetweenCharacters) {
     for (const size_t shift : {0, 1, 2}) {
         std::string text(shift, 'x');
         for (size_t i = 0; i < RecordStream::kCapacity; i++) text += "\xE2\x82\xAC";
-        const std::string log = before + Entry("E", "g()", text) + Entry("W", "h()", "last");
-        for (const int level : {kLogUnknown, static_cast<int>(kLogWarn), static_cast<int>(kLogAlways)}) {
-            const RecordFilter filter{level, {}, "", ""};
-            Collector collector;
-            RecordStream stream(filter, collector);
-            Feed(stream, log, 100000);
-            stream.End();
-            EXPECT_LE(collector.longest, RecordStream::kCapacity);
-            const std::string expected = level == kLogUnknown ? log
-                                         : level == kLogWarn  ? log.substr(before.size())
-                                                              : "";
-            EXPECT_TRUE(collector.bytes == expected) << collector.bytes.size() << " of " << expected.size();
-            for (const std::string& record : collector.records) {
-                const auto lead = static_cast<unsigned char>(record[record.rfind('|', 10) + 1]);
-                EXPECT_TRUE(lead < 0x80 || lead >= 0xC0) << "a character was cut";
-            }
+        const std::string important = Entry("E", "g()", text) + Entry("W", "h()", "last");
+        Collector all, some, none;
+        FeedAll(before + important, all, {}, 100000);
+        FeedAll(before + important, some, {kLogWarn, {}, "", ""}, 100000);
+        FeedAll(before + important, none, {kLogAlways, {}, "", ""}, 100000);
+        EXPECT_TRUE(all.bytes == before + important);
+        EXPECT_TRUE(some.bytes == important);
+        EXPECT_TRUE(none.bytes.empty());
+        EXPECT_LE(all.longest, RecordStream::kCapacity);
+        for (const std::string& record : all.records) {
+            const auto lead = static_cast<unsigned char>(record[record.rfind('|', 10) + 1]);
+            EXPECT_TRUE(lead < 0x80 || lead >= 0xC0) << "a character was cut";
         }
     }
 }
@@ -98,18 +89,13 @@ TEST(RecordStream, HandsOnLongLinesInPartsOfBoundedSizeBetweenCharacters) {
 TEST(RecordStream, HandsOnRecordsOfManyLinesInPartsThatShareTheVerdict) {
     std::string log = Entry("I", "f()", "dump");
     while (log.size() < 3 * RecordStream::kCapacity) log += "  0x0000: 00 01 02 03 04 05 06 07 08 09 0a 0b 0c 0d\n";
-    const size_t dump = log.size();
-    log += Entry("E", "g()", "failed");
+    const std::string last = Entry("E", "g()", "failed");
     Collector all, errors;
-    const RecordFilter none, filter{kLogError, {}, "", ""};
-    RecordStream whole(none, all), filtered(filter, errors);
-    Feed(whole, log, 4096);
-    Feed(filtered, log, 4096);
-    whole.End();
-    filtered.End();
-    EXPECT_TRUE(all.bytes == log);
+    FeedAll(log + last, all, {}, 4096);
+    EXPECT_TRUE(all.bytes == log + last);
     EXPECT_GE(all.records.size(), 4u);
-    EXPECT_EQ(errors.bytes, log.substr(dump));
+    FeedAll(log + last, errors, {kLogError, {}, "", ""}, 4096);
+    EXPECT_EQ(errors.bytes, last);
 }
 
 TEST(RecordStream, SettleHandsOnWholeLinesAndLateOnesGoWithTheEntry) {
@@ -119,7 +105,7 @@ TEST(RecordStream, SettleHandsOnWholeLinesAndLateOnesGoWithTheEntry) {
     const std::string entry = Entry("I", "f()", "one");
     Feed(stream, entry + "  half", 1000);
     stream.Settle();
-    EXPECT_EQ(collector.records, (std::vector<std::string>{"first|" + entry}));
+    EXPECT_EQ(collector.bytes, entry);
     Feed(stream, " and half\n" + Entry("I", "g()", "two") + "  late", 1000);
     stream.Settle();
     Feed(stream, "r\n", 1000);
@@ -127,26 +113,16 @@ TEST(RecordStream, SettleHandsOnWholeLinesAndLateOnesGoWithTheEntry) {
     EXPECT_EQ(collector.bytes, entry + "  half and half\n");
 }
 
-TEST(RecordStream, HandsOnALastLineThatIsNotAtItsEnd) {
-    const RecordFilter all;
-    Collector collector;
-    RecordStream stream(all, collector);
-    const std::string last = Entry("E", "f()", "cut off");
-    Feed(stream, Entry("I", "f()", "one") + last.substr(0, last.size() - 1), 1000);
-    stream.End();
-    ASSERT_EQ(collector.records.size(), 2u);
-    EXPECT_EQ(collector.records[1], "first|" + last.substr(0, last.size() - 1));
-}
-
-TEST(RecordStream, TakesTheHeadOfTheNextFileForNoPartOfTheLast) {
+TEST(RecordStream, EndsWithAFileWhoseLastLineMayBeCutOff) {
     const RecordFilter filter{kLogError, {}, "", ""};
     Collector collector;
     RecordStream stream(filter, collector);
-    Feed(stream, Entry("E", "f()", "one"), 1000);
+    const std::string cut = "2026-11-17 23:22:01.123 <00000001> [10E1] E f(): cut off";
+    Feed(stream, Entry("I", "f()", "one") + cut, 1000);
     stream.End();
     Feed(stream, "head of another file\n" + Entry("E", "f()", "two"), 1000);
     stream.End();
-    EXPECT_EQ(collector.bytes, Entry("E", "f()", "one") + Entry("E", "f()", "two"));
+    EXPECT_EQ(collector.records, (std::vector<std::string>{"first|" + cut, "first|" + Entry("E", "f()", "two")}));
 }
 
 }  // namespace

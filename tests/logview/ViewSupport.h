@@ -1,41 +1,20 @@
-// What the tests of log-view share: a folder of their own, output that can be read back, lines to make logs of.
+// What the tests of log-view share: output that can be read back, lines to make logs of.
 #pragma once
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <string_view>
 
+#include "tests/support/TempFolder.h"
 #include "tools/logview/Output.h"
 #include "tools/logview/RecordStream.h"
 
-class TempFolder {
-public:
-    TempFolder() {
-        std::string shape = std::filesystem::temp_directory_path() / "logview-XXXXXX";
-        folder = mkdtemp(shape.data());
-    }
-    TempFolder(const TempFolder&) = delete;
-    TempFolder& operator=(const TempFolder&) = delete;
-    ~TempFolder() { std::filesystem::remove_all(folder); }
-
-    std::string Path(const std::string& name) const { return folder + "/" + name; }
-
-    std::string Write(const std::string& name, std::string_view text) const {
-        std::ofstream(Path(name), std::ios::binary) << text;
-        return Path(name);
-    }
-    void Append(const std::string& name, std::string_view text) const {
-        std::ofstream(Path(name), std::ios::binary | std::ios::app) << text;
-    }
-
-private:
-    std::string folder;
-};
+inline void Append(const std::string& path, std::string_view text) {
+    std::ofstream(path, std::ios::binary | std::ios::app) << text;
+}
 
 class CapturedOutput {
 public:
@@ -67,6 +46,13 @@ inline void Feed(RecordStream& stream, std::string_view text, size_t pieceSize) 
         stream.Added(count);
         text.remove_prefix(count);
     }
+}
+
+// The whole of text through a stream to sink.
+inline void FeedAll(std::string_view text, RecordSink& sink, const RecordFilter& filter = {}, size_t pieceSize = 1000) {
+    RecordStream stream(filter, sink);
+    Feed(stream, text, pieceSize);
+    stream.End();
 }
 
 inline std::string Entry(const std::string& letter, const std::string& function, const std::string& text,
