@@ -71,26 +71,6 @@ TEST(LogMessage, RefusesALengthBeyondItsBuffer) {
     EXPECT_EQ(TextOf(message), "");
 }
 
-TEST(LogMessage, ReservesRoomAsAsked) {
-    struct Case {
-        int bytes;
-        int multiplier;
-        int capacity;
-    };
-    LogMessage grown;
-    grown.Append("0123456789", -1, false);
-    for (const Case& c : {Case{11, 0, 256},
-                          {256, 0, 256},
-                          {257, 0, 257},
-                          {300, 0, 300 + LogMessage::kGrowthMargin},
-                          {7, 100, 1007 + LogMessage::kGrowthMargin}}) {
-        EXPECT_TRUE(grown.Reserve(c.bytes, c.multiplier));
-        EXPECT_EQ(grown.Capacity(), c.capacity);
-    }
-    EXPECT_FALSE(grown.Reserve(INT_MAX, 1));
-    EXPECT_EQ(TextOf(grown), "0123456789");
-}
-
 TEST(LogMessage, KeepsItsTextWhenAFormatFails) {
     LogMessage message;
     message.Append("kept", -1, false);

@@ -88,22 +88,6 @@ protected:
         writer->SetFlushPeriod(kNever);
         StartThread();  // the pass is over then
     }
-    // Begins a pass that stops at its first line, until EndHeldPass.
-    void HoldPass() {
-        writer->onWrite = [&] {
-            begun.Set();
-            goOn.Wait(kPatienceMS);
-        };
-        writer->SetFlushPeriod(1);
-        ASSERT_EQ(begun.Wait(kPatienceMS), kWaitSignaled);
-        writer->SetFlushPeriod(kNever);
-    }
-    void EndHeldPass() {
-        goOn.Set();
-        EXPECT_EQ(writer->passed.Wait(kPatienceMS), kWaitSignaled);
-        StartThread();
-        writer->onWrite = nullptr;
-    }
     std::string Prefix(const char* function, int level = kLogInfo, int size = 512) {
         std::string buffer(static_cast<size_t>(size), '#');
         const int length = writer->FormatPrefix(buffer.data(), size, function, level);
@@ -114,8 +98,6 @@ protected:
 
     const RCPtr<Logger> logger;
     const RCPtr<MemoryWriter> writer;
-    KxEvent begun{true, false};
-    KxEvent goOn{true, false};
 };
 
 TEST_F(LogWriterTest, APrefixHoldsTimeThreadProcessLevelAndName) {
@@ -300,10 +282,20 @@ TEST_F(LogWriterTest, AQueueAtItsThresholdTurnsBatchModeOn) {
 TEST_F(LogWriterTest, BatchModeWaitsForThePassThatRuns) {
     StartQueued();
     writer->SetBatchThreshold(10);
+    KxEvent begun{true, false};
+    KxEvent goOn{true, false};
+    writer->onWrite = [&] {
+        begun.Set();
+        goOn.Wait(kPatienceMS);
+    };
     std::string expected = WriteNumbers(0, 1);
-    HoldPass();
-    expected += WriteNumbers(1, 15);  // beyond the threshold, while the pass is writing
-    EndHeldPass();
+    writer->SetFlushPeriod(1);
+    ASSERT_EQ(begun.Wait(kPatienceMS), kWaitSignaled);
+    writer->SetFlushPeriod(kNever);
+    expected += WriteNumbers(1, 15);  // beyond the threshold, while the pass is writing and holds no lock
+    goOn.Set();
+    StartThread();
+    writer->onWrite = nullptr;
     RunPass();  // no batch mode yet: passes go on
     EXPECT_EQ(writer->Take(), expected);
     expected = WriteNumbers(15, 25);

@@ -154,7 +154,6 @@ TEST_F(LoggerTest, NamesAndTypesOfWritersAreTakenOnce) {
     EXPECT_FALSE(LoggerManager::CreateLogger("", "Test", true));
     const RCPtr<Logger> logger = MakeLogger();
     EXPECT_FALSE(LoggerManager::CreateLogger("logger", "Other", true));
-    EXPECT_TRUE(LoggerManager::GetLogger("logger") == logger);
     EXPECT_TRUE(LoggerManager::GetDefaultLogger() == logger);
     EXPECT_FALSE(LoggerManager::HasLogger("Logger"));
     EXPECT_FALSE(logger->AddConfigFile(""));
