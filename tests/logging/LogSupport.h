@@ -119,6 +119,16 @@ protected:
         return logger;
     }
 
+    // The same with a started writer on std::cout, whose header is over.
+    RCPtr<Logger> StartStdOut(int level = kLogInfo) {
+        StartThread();
+        const RCPtr<Logger> logger = MakeLogger(level);
+        logger->AddWriter(kStdOutWriter);
+        EXPECT_TRUE(logger->Start());
+        output.Clear();
+        return logger;
+    }
+
     // A file writer in that folder with no limits but those that a test sets.
     static RCPtr<FileWriter> AddFileWriter(const RCPtr<Logger>& logger, const std::string& folder) {
         const RCPtr<LogWriter> writer = logger->AddWriter(kFileWriter);

@@ -141,17 +141,13 @@ TEST_F(LoggerSettingsTest, TheLevelWhileRunning) {
 }
 
 TEST_F(LoggerSettingsTest, LocalTime) {
-    for (const auto& [key, before, local] : {std::tuple{"", true, true},
-                                             {"", false, false},
-                                             {"useLocalTime=false", true, false},
-                                             {"useLocalTime = TRUE", false, true}}) {
-        Configure({key});
+    for (const auto& [key, before, local] :
+         {std::tuple{"", false, false}, {"useLocalTime = TRUE", false, true}, {"useLocalTime=false", true, false}}) {
+        Configure({kUnbuffered, key});
         logger->SetUseLocalTime(before);
-        ASSERT_TRUE(logger->Start());
+        Start();
         EXPECT_EQ(logger->UsesLocalTime(), local) << key;
     }
-    Configure({kUnbuffered, "useLocalTime = false"});
-    Start();
     const std::tuple<const char*, bool, Lines> steps[] = {
         {"useLocalTime = False", false, {}},
         {"", true, {"useLocalTime changed to TRUE"}},

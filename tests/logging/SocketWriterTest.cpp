@@ -9,6 +9,7 @@
 
 #include "logging/LogMessageCache.h"
 #include "tests/logging/LogSupport.h"
+#include "tests/support/Pattern.h"
 
 namespace {
 
@@ -82,17 +83,9 @@ std::optional<Frame> ParseFrame(const std::string& datagram) {
 // "YYYY-MM-DDTHH:MM:SS.mmmZ" as a time; -1 for any other form.
 time_t ParseTimestamp(const std::string& text) {
     tm parts{};
-    int milliseconds = -1;
-    char end = 0;
-    if (text.size() != 24 ||
-        std::sscanf(text.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%3d%c", &parts.tm_year, &parts.tm_mon, &parts.tm_mday,
-                    &parts.tm_hour, &parts.tm_min, &parts.tm_sec, &milliseconds, &end) != 8 ||
-        end != 'Z' || parts.tm_mon < 1 || parts.tm_mon > 12) {
-        return -1;
-    }
-    parts.tm_year -= 1900;
-    parts.tm_mon -= 1;
-    return timegm(&parts);
+    const char* const rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
+    const bool whole = text.size() == 24 && rest && Matches(rest, R"(\.\d{3}Z)");
+    return whole ? timegm(&parts) : -1;
 }
 
 class SocketWriterTest : public LoggingTest {
