@@ -87,6 +87,15 @@ protected:
             });
         }
     }
+    // A writer that keeps all files, of that size at most, and writes after each so many milliseconds.
+    static RCPtr<FileWriter> AddRollingWriter(const RCPtr<Logger>& logger, const std::string& folder,
+                                              const char* sizeMB, uint32_t flushPeriod) {
+        const RCPtr<FileWriter> writer = AddFileWriter(logger, folder);
+        writer->SetProperty("maxFileSizeMB", sizeMB);
+        writer->SetProperty("maxRollingFiles", "0");
+        writer->SetFlushPeriod(flushPeriod);
+        return writer;
+    }
     void Join() {
         for (std::thread& thread : threads) thread.join();
     }
@@ -99,10 +108,7 @@ TEST_F(LoggingStressTest, EveryLineIsWrittenOnceOrCountedWhileSettingsChangeAndF
     constexpr int kLines = 2500;
     TempFolder folder;
     const RCPtr<Logger> logger = MakeLogger(kLogWarn);  // the lines of the scans aren't counted
-    const RCPtr<FileWriter> writer = AddFileWriter(logger, folder.path);
-    writer->SetProperty("maxFileSizeMB", "1");
-    writer->SetProperty("maxRollingFiles", "0");
-    writer->SetFlushPeriod(1);
+    const RCPtr<FileWriter> writer = AddRollingWriter(logger, folder.path, "1", 1);
     ASSERT_TRUE(logger->Start());
     StartThreads(kLines);
     for (int i = 0; finished < kThreads; ++i) {
@@ -168,9 +174,7 @@ TEST_F(LoggingStressTest, ASettingsFileThatChangesUnderLoadLosesNoLineUncounted)
     settings(0);
 
     const RCPtr<Logger> logger = MakeLogger();
-    const RCPtr<FileWriter> writer = AddFileWriter(logger, folder.path);
-    writer->SetProperty("maxRollingFiles", "0");
-    writer->SetFlushPeriod(1);
+    AddRollingWriter(logger, folder.path, "1", 1);
     const RCPtr<LogWriter> proxy = logger->AddWriter(kProxyWriter);
     ASSERT_TRUE(static_cast<ProxyWriter*>(proxy.Get())->SetProxyFunction(TakeAccepted));
     ASSERT_TRUE(logger->AddConfigFile(path));
@@ -246,11 +250,7 @@ TEST_F(LoggingStressTest, EachThreadsLinesKeepTheirOrderThroughBatchMode) {
     constexpr int kLines = 2000;
     TempFolder folder;
     const RCPtr<Logger> logger = MakeLogger();
-    const RCPtr<FileWriter> writer = AddFileWriter(logger, folder.path);
-    writer->SetProperty("maxFileSizeMB", "1");
-    writer->SetProperty("maxRollingFiles", "0");
-    writer->SetBatchThreshold(3000);
-    writer->SetFlushPeriod(3600000);
+    AddRollingWriter(logger, folder.path, "1", 3600000)->SetBatchThreshold(3000);
     ASSERT_TRUE(logger->Start());
     StartThreads(kLines);
     Join();
@@ -277,9 +277,7 @@ TEST_F(LoggingStressTest, LoggersComeAndGoUnderLogCalls) {
     for (int round = 0; round < 20; ++round) {
         TempFolder folder;
         const RCPtr<Logger> logger = MakeLogger();
-        const RCPtr<FileWriter> writer = AddFileWriter(logger, folder.path);
-        writer->SetProperty("maxFileSizeMB", "0");  // one file, whatever the threads get in
-        writer->SetFlushPeriod(1);
+        AddRollingWriter(logger, folder.path, "0", 1);  // one file, whatever the threads get in
         ASSERT_TRUE(logger->Start());
         for (int i = 0; i < 50; ++i) Logger::Log("Round()", kLogInfo, "%d", i);
         LoggerManager::Shutdown();
@@ -327,10 +325,7 @@ TEST_F(LoggingStressTest, AKilledProcessLeavesWholeLinesUpToItsLastFlush) {
         EXPECT_EXIT(
             {
                 const RCPtr<Logger> logger = MakeLogger();
-                const RCPtr<FileWriter> writer = AddFileWriter(logger, path);
-                writer->SetProperty("maxFileSizeMB", moment.maxSizeMB);
-                writer->SetProperty("maxRollingFiles", "0");
-                writer->SetFlushPeriod(3600000);
+                const RCPtr<FileWriter> writer = AddRollingWriter(logger, path, moment.maxSizeMB, 3600000);
                 if (!logger->Start()) _exit(1);
                 for (int i = 0; i < kFlushed; ++i) Logger::Log("Flushed()", kLogInfo, "number %d", i);
                 writer->Flush();

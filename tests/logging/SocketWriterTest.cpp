@@ -156,8 +156,7 @@ TEST_F(SocketWriterTest, BehindAFileTheDatagramIsTheLineOfTheFile) {
 
 TEST_F(SocketWriterTest, ItsLastLineIsSentAtTheEnd) {
     const RCPtr<Logger> logger = MakeLogger();
-    const RCPtr<LogWriter> writer = AddSocketWriter(logger, collector.port);
-    writer->SetFlushPeriod(3600000);
+    AddSocketWriter(logger, collector.port)->SetFlushPeriod(3600000);
     ASSERT_TRUE(logger->Start());
     Logger::Log("Last()", kLogInfo, "queued");
     LoggerManager::Shutdown();
