@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <thread>
 
+#include "logging/LogWriter.h"
+#include "logging/Logger.h"
+#include "logging/LoggerManager.h"
 #include "tests/logview/ViewSupport.h"
 #include "tools/logview/Printers.h"
 
@@ -111,6 +115,46 @@ TEST_F(Follower, KeepsUpWithAWriterThatRolls) {
     while (seenSoFar.size() < expected.size() && expected.starts_with(seenSoFar)) seenSoFar += News();
     writer.join();
     EXPECT_TRUE(seenSoFar == expected) << seenSoFar.size() << " of " << expected.size();
+}
+
+// Beside the log that it is made for: a logger that writes and rolls while its files are followed.
+TEST_F(Follower, KeepsUpWithALoggerLineByLine) {
+    constexpr int kLines = 12000;
+    const std::string filler(200, '.');
+    const RCPtr<Logger> logger = LoggerManager::CreateLogger("LogViewTest", "LogViewTest", false);
+    const RCPtr<LogWriter> writer = logger->AddWriter(kFileWriter);
+    writer->SetProperty("folderPath", folder.path);
+    writer->SetProperty("maxFileSizeMB", "1");
+    writer->SetProperty("maxRollingFiles", "0");
+    writer->SetProperty("diskThresholdLowMB", "0");
+    writer->SetBuffering(false);
+    ASSERT_TRUE(logger->Start());
+    const std::string first = folder.Names()[0];
+    filter = {kLogWarn, {}, "Writer", ""};
+    Start(first);
+    std::atomic<bool> written{false};
+    std::thread thread([&] {
+        for (int i = 0; i < kLines; i++) {
+            logger->LogLine("void Writer::Run(int)", kLogWarn, "%s%d", filler.c_str(), i);
+            if (i % 100 == 0) logger->LogLine("void Other::Run()", kLogInfo, "not this one");
+        }
+        logger->Stop();
+        written.store(true);
+    });
+    for (bool last = false; !last;) {
+        last = written.load();
+        while (follower->Poll()) {
+        }
+    }
+    thread.join();
+    LoggerManager::Shutdown();
+    EXPECT_NE(follower->Path(), folder.File(first));
+    std::istringstream lines(output.Text());
+    int next = 0;
+    for (std::string line; std::getline(lines, line); next++) {
+        ASSERT_TRUE(line.ends_with(" W Writer::Run(): " + filler + std::to_string(next))) << line;
+    }
+    EXPECT_EQ(next, kLines);
 }
 
 }  // namespace
