@@ -16,6 +16,7 @@
 #include "standin/qscservice/Server.h"
 #include "standin/qscservice/ServiceTables.h"
 #include "tests/server/Events.h"
+#include "tests/support/Resources.h"
 
 using Texts = std::vector<std::string>;
 

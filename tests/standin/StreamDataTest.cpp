@@ -11,8 +11,9 @@
 #include "standin/qscservice/Rendezvous.h"
 #include "standin/qscservice/ServiceTables.h"
 #include "tests/standin/ChannelEnd.h"
-#include "tests/standin/Descriptors.h"
+#include "tests/standin/ConnectedSockets.h"
 #include "tests/standin/RawEnd.h"
+#include "tests/support/Resources.h"
 
 namespace {
 
