@@ -66,6 +66,7 @@ struct ChannelOptions {
     bool acceptChannel = true;                               // server: false rejects the client's Connect
     uint32_t sideChannels = 0x1E;                            // bit n: side channel type n is available
     uint32_t meetLimitMS = kMeetLimitMS;
+    uint32_t helloLimitMS = 10000;  // multi-server: a connection whose peer has not said hello by then is taken down
 };
 
 // What became of the messages (posts and requests, not answers) with one command number. Kept over all connections of

@@ -311,7 +311,7 @@ void ServiceChannel::RunLink(const std::shared_ptr<SocketLink>& link) {
     }
     if (closed) link->Interrupt();
     if (!m_ownerId) SayHello(*link);
-    const std::string error = link->Run(*this);
+    const std::string error = link->Run(*this, m_ownerId ? static_cast<int>(m_options.helloLimitMS) : -1);
     if (!error.empty()) Fail(link, error);
     TakeLinkDown(link);
 }

@@ -16,6 +16,8 @@ namespace qscservice {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr size_t kBufferBytes = 256 * 1024;
 constexpr size_t kKeptBytes = 1 << 20;   // larger buffers are given back when they are empty
 constexpr size_t kPauseBytes = 1 << 20;  // pending answers that make reading pause
@@ -164,8 +166,9 @@ void SocketLink::Wake() {
     if (!m_woken.exchange(true, std::memory_order_acq_rel)) Signal(m_wake.Get());
 }
 
-std::string SocketLink::Run(LinkClient& client) {
+std::string SocketLink::Run(LinkClient& client, int firstFrameMS) {
     std::string error;
+    if (firstFrameMS >= 0) m_firstFrameDue = Clock::now() + std::chrono::milliseconds(firstFrameMS);
     for (;;) {
         if (m_woken.exchange(false, std::memory_order_acq_rel)) client.OnWake();
         if (!DeliverFrames(client, &error) || IsInterrupted()) return error;
@@ -173,7 +176,7 @@ std::string SocketLink::Run(LinkClient& client) {
         const bool reading = m_hungUp || (!paused && client.WantsFrames());
         const Received received = reading ? Receive() : Received::Nothing;
         if (received == Received::End) return error;
-        if (received == Received::Nothing) WaitForWork(reading, paused);
+        if (received == Received::Nothing && !WaitForWork(reading, paused, &error)) return error;
     }
 }
 
@@ -197,15 +200,26 @@ void SocketLink::EndPause() {
     m_pauseAbove = std::min(Unattended() + kPauseBytes, kMaxPendingBytes);
 }
 
-void SocketLink::WaitForWork(bool reading, bool paused) {
+// False when the first frame is overdue.
+bool SocketLink::WaitForWork(bool reading, bool paused, std::string* error) {
+    int timeoutMS = paused ? kPauseMS : -1;
+    if (m_firstFrameDue) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_firstFrameDue - Clock::now()).count();
+        if (left <= 0) {
+            *error = "the peer has not sent its first frame in time";
+            return false;
+        }
+        timeoutMS = static_cast<int>(left);
+    }
     const int in = reading ? POLLIN : POLLRDHUP;
     const int out = m_readerSends.load(std::memory_order_acquire) ? POLLOUT : 0;
     pollfd fds[] = {{m_socket.Get(), static_cast<short>(in | out), 0}, {m_wake.Get(), POLLIN, 0}};
-    const int ready = poll(fds, 2, paused ? kPauseMS : -1);
-    if (ready == 0) EndPause();
-    if (ready <= 0) return;
+    const int ready = poll(fds, 2, timeoutMS);
+    if (ready == 0 && paused) EndPause();
+    if (ready <= 0) return true;
     if (fds[0].revents & (POLLHUP | POLLERR | POLLRDHUP)) m_hungUp = true;
     if (fds[1].revents & POLLIN) Drain(m_wake.Get());
+    return true;
 }
 
 SocketLink::Received SocketLink::Receive() {
@@ -251,6 +265,7 @@ bool SocketLink::DeliverFrames(LinkClient& client, std::string* error) {
             m_needed = result.size;
             return true;
         }
+        m_firstFrameDue.reset();
         if (IsInterrupted() || !client.OnFrame(shared_from_this(), frame, bytes.first(result.size))) return false;
         m_start += result.size;
     }

@@ -2,9 +2,11 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -125,8 +127,9 @@ public:
     bool IsLocal() const;
 
     // Reads until the peer is gone or the link is interrupted; what arrived whole is delivered first. Returns an error
-    // text when the peer's bytes broke the format, else empty.
-    std::string Run(LinkClient& client);
+    // text when the peer's bytes broke the format, or its first frame was not whole within firstFrameMS milliseconds
+    // (-1: no limit), else empty.
+    std::string Run(LinkClient& client, int firstFrameMS = -1);
     void FinishSend(size_t frameBytes, bool mayWait) override EXCLUDES(m_mutex);
     void Wake() override;
 
@@ -143,7 +146,7 @@ private:
     size_t Unattended() const REQUIRES(m_mutex);
     bool FlushForOthers() EXCLUDES(m_mutex);
     void EndPause() EXCLUDES(m_mutex);
-    void WaitForWork(bool reading, bool paused);
+    bool WaitForWork(bool reading, bool paused, std::string* error);
     Received Receive();
     void MakeRoom();
     bool DeliverFrames(LinkClient& client, std::string* error);
@@ -159,7 +162,9 @@ private:
     size_t m_waitedBytes GUARDED_BY(m_mutex) = 0;     // of frames whose senders wait until they are sent
     size_t m_pauseAbove GUARDED_BY(m_mutex);          // reading pauses above so many pending bytes of the other frames
 
-    // Of the reading thread alone: whether the peer has hung up, and the receive buffer.
+    // Of the reading thread alone: when the first frame has to be there, unless there is no limit or it came; whether
+    // the peer has hung up; and the receive buffer.
+    std::optional<std::chrono::steady_clock::time_point> m_firstFrameDue;
     bool m_hungUp = false;
     std::unique_ptr<uint8_t[]> m_buffer;
     size_t m_capacity = 0;

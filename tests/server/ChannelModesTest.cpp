@@ -10,6 +10,7 @@
 #include "standin/qscservice/MsgChannels.h"
 #include "standin/qscservice/ScriptedService.h"
 #include "standin/qscservice/ServiceChannel.h"
+#include "standin/qscservice/Transport.h"
 #include "tests/server/Ends.h"
 #include "tests/support/LogCapture.h"
 
@@ -107,6 +108,22 @@ TEST_F(ChannelModes, ASideChannelThatCannotBeHadLeavesTheClientUnready) {
     EXPECT_FALSE(client.Instance().IsReady());
     EXPECT_EQ(client.manager.events.Take(), Texts{});
     server->TakeLatest();
+}
+
+TEST_F(ChannelModes, APeerThatDoesNotSayHelloInTimeIsHungUpOn) {
+    ServerOptions options{.address = "unix:"};
+    options.channel.helloLimitMS = 20;
+    SetServerOptions(options);
+    ASSERT_TRUE(server->MultiServerInit(0));
+    for (const std::string_view said : {"", "QSC1"}) {
+        std::string error;
+        const Fd peer = ConnectSocket(ServerAddress(), &error);
+        ASSERT_TRUE(peer.IsOpen()) << error;
+        ASSERT_EQ(write(peer.Get(), said.data(), said.size()), static_cast<ssize_t>(said.size()));
+        char byte = 0;
+        EXPECT_LE(read(peer.Get(), &byte, 1), 0);
+    }
+    EXPECT_EQ(server->events.Take(), Texts{});
 }
 
 TEST_F(ChannelModes, MessageChannelsCarryWordsBothWays) {

@@ -15,6 +15,7 @@ using qscservice::Fd;
 namespace {
 
 constexpr size_t kMaxRequest = 4096;
+constexpr int kAcceptPauseMS = 100;  // after an error, such as too many open files
 
 // At once and whole, or not at all: a peer that doesn't read must not hold up the others.
 bool Send(int fd, const std::string& text) {
@@ -54,10 +55,12 @@ bool AgentControl::Listen(const std::string& where, std::string* error) {
 
 void AgentControl::Run() {
     std::map<int, std::pair<Fd, std::string>> connections;  // with what of a line has come so far
-    for (;;) {
-        std::vector<pollfd> fds = {{stop.Get(), POLLIN, 0}, {listener.Get(), POLLIN, 0}};
+    for (bool pausing = false;;) {
+        const short awaited = pausing ? 0 : POLLIN;
+        std::vector<pollfd> fds = {{stop.Get(), POLLIN, 0}, {listener.Get(), awaited, 0}};
         for (const auto& [fd, connection] : connections) fds.push_back({fd, POLLIN, 0});
-        if (poll(fds.data(), fds.size(), -1) < 0) continue;
+        if (poll(fds.data(), fds.size(), pausing ? kAcceptPauseMS : -1) < 0) continue;
+        pausing = false;
         if (fds[0].revents != 0) return;
         for (size_t i = 2; i < fds.size(); ++i) {
             if (fds[i].revents != 0 && !Serve(fds[i].fd, &connections[fds[i].fd].second)) connections.erase(fds[i].fd);
@@ -65,7 +68,10 @@ void AgentControl::Run() {
         if (fds[1].revents == 0) continue;
         Fd accepted(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         const int fd = accepted.Get();
-        if (fd >= 0) connections[fd].first = std::move(accepted);
+        if (fd >= 0)
+            connections[fd].first = std::move(accepted);
+        else
+            pausing = errno != EAGAIN && errno != EINTR && errno != ECONNABORTED;
     }
 }
 
