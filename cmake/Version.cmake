@@ -3,13 +3,18 @@
 set(CORVEX_VERSION ${PROJECT_VERSION})
 set(CORVEX_BUILD_NUMBER 0 CACHE STRING "Number of this build, 0 for a developer's own")
 
+if(NOT CORVEX_BUILD_NUMBER MATCHES "^[0-9]+$")
+    message(FATAL_ERROR "CORVEX_BUILD_NUMBER is \"${CORVEX_BUILD_NUMBER}\", which is no number")
+endif()
+
+# "unknown" without git, and for an unpacked archive, which may lie in another project's work tree.
 set(CORVEX_REVISION unknown)
 find_package(Git QUIET)
 if(GIT_FOUND)
     execute_process(COMMAND ${GIT_EXECUTABLE} rev-parse --short=12 HEAD
         WORKING_DIRECTORY ${PROJECT_SOURCE_DIR} OUTPUT_VARIABLE revision OUTPUT_STRIP_TRAILING_WHITESPACE
         RESULT_VARIABLE result ERROR_QUIET)
-    if(result EQUAL 0)
+    if(result EQUAL 0 AND EXISTS "${PROJECT_SOURCE_DIR}/.git")
         set(CORVEX_REVISION ${revision})
         # A commit or a checkout appends here, and the next build configures again.
         execute_process(COMMAND ${GIT_EXECUTABLE} rev-parse --git-path logs/HEAD

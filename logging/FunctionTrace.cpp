@@ -4,28 +4,33 @@
 #include <cstdio>
 
 #include "logging/Logger.h"
+#include "logging/LoggerManager.h"
 
+// A sink counts as a logger of its level.
 bool FunctionTrace::Reaches(int level) const {
-    return logger ? logger->IsStarted() && logger->GetLevel() >= level : LogEnabled(level);
+    return (logger && logger->IsStarted() && logger->GetLevel() >= level) || Logger::SinkTakes(level);
 }
 
 void FunctionTrace::Line(int level, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    if (logger) {
-        logger->LogLineV(function, level, format, args);
-    } else {
-        Logger::LogV(function, level, format, args);
-    }
+    Logger::LogLineV(logger.Get(), function, level, format, args);
     va_end(args);
 }
 
+void FunctionTrace::TakeLogger(const RCPtr<Logger>& ownLogger) {
+    if (!listening) exitText[0] = '\0';
+    listening = true;
+    if (ownLogger)
+        logger = ownLogger;
+    else if (LoggerManager::Existing())
+        logger = LoggerManager::GetDefaultLogger();
+}
+
 void FunctionTrace::Enter(const RCPtr<Logger>& ownLogger, const char* format, ...) {
-    logger = ownLogger;
+    TakeLogger(ownLogger);
     timer.emplace(KxTimer::Mode::Start);
-    const bool reached = Reaches(enterLevel);
-    logging = logger || reached;
-    if (!reached) return;
+    if (!Reaches(enterLevel)) return;
     if (format[0] == '\0') {
         Line(enterLevel, "Enter\n");
         return;
@@ -39,22 +44,22 @@ void FunctionTrace::Enter(const RCPtr<Logger>& ownLogger, const char* format, ..
 }
 
 void FunctionTrace::SetExitMessage(int level, const char* format, ...) {
-    if (!Reaches(level)) return;
-    logging = true;
+    if (logger ? !Reaches(level) : !LogEnabled(level)) return;
+    if (!logger) TakeLogger({});
     exitLevel = level;
     va_list args;
     va_start(args, format);
-    hasExitText = std::vsnprintf(exitText, sizeof exitText, format, args) > 0;
+    std::vsnprintf(exitText, sizeof exitText, format, args);
     va_end(args);
 }
 
 void FunctionTrace::Exit() {
     char elapsed[32] = "";
-    if (timed) {
-        const uint64 milliseconds = timer ? timer->GetTimerMS(KxTimer::Mode::Read, 0) : 0;
+    if (timed && timer) {
+        const uint64 milliseconds = timer->GetTimerMS(KxTimer::Mode::Read, 0);
         std::snprintf(elapsed, sizeof elapsed, "(%dms)", static_cast<int>(milliseconds));
     }
-    if (!hasExitText) {
+    if (exitText[0] == '\0') {
         if (Reaches(enterLevel)) Line(enterLevel, "Exit%s\n", elapsed);
     } else if (Reaches(exitLevel)) {
         if (Reaches(enterLevel)) {

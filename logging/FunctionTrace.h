@@ -11,7 +11,8 @@ class Logger;
 
 // Logs "Enter" when made and "Exit" when it goes, at the level given, with the text that SetExitMessage left and, when
 // timed is set, with the milliseconds in between. Lives on the stack; the signature text isn't copied. Without a logger
-// of its own it uses the default one. A trace whose level is off costs one comparison.
+// of its own it takes the one that is the default when its level is found on, and stays with it. A trace whose level is
+// off costs one comparison: no clock is read for it, and an exit text that is accepted later goes without the time.
 class FunctionTrace {
 public:
     // logger may be empty. With an empty format the line is "Enter", else "Enter - " and the text, cut to 1,023 bytes.
@@ -23,26 +24,29 @@ public:
     FunctionTrace(const FunctionTrace&) = delete;
     FunctionTrace& operator=(const FunctionTrace&) = delete;
     virtual ~FunctionTrace() {
-        if (logging) Exit();
+        if (listening) Exit();
     }
 
     // Sets the text and level of the exit line; at most 1,023 bytes are kept. With the level off it changes nothing.
     void SetExitMessage(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
-    bool timed = false;
-
 private:
     void Enter(const RCPtr<Logger>& ownLogger, const char* format, ...);
     void Exit();
+    void TakeLogger(const RCPtr<Logger>& ownLogger);
     bool Reaches(int level) const;
     void Line(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
     const char* const function;
-    bool logging = false;  // there is a logger: its own, or the default one for a line at the enter or at the exit
-    bool hasExitText = false;
-    char exitText[1024];  // set while hasExitText
+    bool listening = false;  // there is a logger or a sink; the fields below are set
+    char exitText[1024];
     const int32_t enterLevel;
     int32_t exitLevel;
-    std::optional<KxElapsedTimer> timer;  // none while the level is off, as only a line needs it
-    RCPtr<Logger> logger;                 // empty for the default one
+    std::optional<KxElapsedTimer> timer;
+
+public:
+    bool timed = false;
+
+private:
+    RCPtr<Logger> logger;
 };

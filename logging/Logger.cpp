@@ -56,13 +56,15 @@ SinkState& Sink() {
 std::atomic<int32_t> sinkLevel{-1};
 std::atomic<int32_t> defaultLevel{0};
 
-void ShowSink(const char* function, int level, const char* format, va_list args) __attribute__((format(printf, 3, 0)));
+bool ShowSink(const char* function, int level, const char* format, va_list args) __attribute__((format(printf, 3, 0)));
 
-void ShowSink(const char* function, int level, const char* format, va_list args) {
-    if (level > sinkLevel.load(std::memory_order_relaxed)) return;
+// False inside the sink.
+bool ShowSink(const char* function, int level, const char* format, va_list args) {
+    if (level > sinkLevel.load(std::memory_order_relaxed)) return true;
     SinkState& state = Sink();
     std::lock_guard guard(state.lock);
-    if (!state.sink || state.inSink) return;
+    if (state.inSink) return false;
+    if (!state.sink) return true;
     va_list again;
     va_copy(again, args);
     const std::string text = StringUtils::FormatV(format, again);
@@ -70,6 +72,7 @@ void ShowSink(const char* function, int level, const char* format, va_list args)
     state.inSink = true;
     state.sink(state.context, function, level, text.c_str());
     state.inSink = false;
+    return true;
 }
 
 RCPtr<LogWriter> MakeWriter(int type) {
@@ -136,9 +139,9 @@ void Logger::LogOn(Logger* logger, Write write) {
     LoggerManager* const manager = LoggerManager::Existing();
     if (!manager) return;
     KxMutexGuard guard(LoggerLock());
-    if (!logger) logger = manager->defaultLogger.Get();  // the manager holds it, and changes under the lock alone
+    const RCPtr<Logger> target(logger ? logger : manager->defaultLogger.Get());  // goes ahead of the lock
     const DepthScope depth;
-    if (!depth.IsNested() && logger) write(*logger);
+    if (!depth.IsNested() && target) write(*target);
 }
 
 void Logger::Log(const char* function, int level, const char* format, ...) {
@@ -149,9 +152,13 @@ void Logger::Log(const char* function, int level, const char* format, ...) {
 }
 
 void Logger::LogV(const char* function, int level, const char* format, va_list args) {
-    ShowSink(function, level, format, args);
+    if (!ShowSink(function, level, format, args)) return;
     LineText text(format, args);
     LogOn(nullptr, [&](Logger& logger) { logger.WriteLineTo(nullptr, function, level, text); });
+}
+
+bool Logger::SinkTakes(int level) {
+    return level <= sinkLevel.load(std::memory_order_relaxed);
 }
 
 void Logger::LogHex(const char* function, int level, const void* data, int length) {
@@ -161,13 +168,14 @@ void Logger::LogHex(const char* function, int level, const void* data, int lengt
 void Logger::LogLine(const char* function, int level, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    LogLineV(function, level, format, args);
+    LogLineV(this, function, level, format, args);
     va_end(args);
 }
 
-void Logger::LogLineV(const char* function, int level, const char* format, va_list args) {
+void Logger::LogLineV(Logger* logger, const char* function, int level, const char* format, va_list args) {
+    if (!ShowSink(function, level, format, args) || !logger) return;
     LineText text(format, args);
-    LogOn(this, [&](Logger& logger) { logger.WriteLineTo(nullptr, function, level, text); });
+    LogOn(logger, [&](Logger& target) { target.WriteLineTo(nullptr, function, level, text); });
 }
 
 void Logger::LogHexLine(const char* function, int level, const void* data, int length) {
@@ -218,9 +226,8 @@ void Logger::WriteHex(const char* function, int lineLevel, const void* data, int
     });
 }
 
-// The first started writer lays the line out,
-// all others get the same text. append is given the message behind its prefix, and the width of that prefix, without a
-// separator line.
+// The first started writer lays the line out, all others get the same text. append is given the message behind its
+// prefix, and the width of that prefix, without a separator line.
 template <typename Append>
 void Logger::WriteTo(const std::set<int>* types, const char* function, int lineLevel, Append append) {
     const auto isMeant = [types](const auto& entry) {
@@ -335,9 +342,11 @@ bool Logger::Stop() {
     return true;
 }
 
-// This platform has no name of the process to put in place of the first function text.
 void Logger::LogStartupInfo() {
-    WriteText(__PRETTY_FUNCTION__, "%s%s\n", ProcessUtils::GetVersionText().c_str(),
+    KxMutexGuard guard(LoggerLock());
+    const std::string process = ProcessUtils::GetProcessName();
+    WriteText(process.empty() ? __PRETTY_FUNCTION__ : ("@" + process).c_str(), "%s%s\n",
+              ProcessUtils::GetVersionText().c_str(),
               (std::string(", buildtype=") + kBuildType).c_str());
     WriteText("@OS Version", "%s%s\n", ProcessUtils::GetOSText().c_str(), "");
     WriteText("@Time Zone", "%ls, %s time is %s\n", StringUtils::GetTimeZoneText().c_str(),
@@ -358,6 +367,7 @@ RCPtr<LogMessage> Logger::NewMessage(int messageLevel, const char* text, int len
 }
 
 void Logger::SetSink(LogSink sink, void* context, int level) {
+    KxMutexGuard levels(LoggerLock());
     SinkState& state = Sink();
     std::lock_guard guard(state.lock);
     state.sink = sink;

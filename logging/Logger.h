@@ -28,7 +28,8 @@ enum LogWriterType : int32_t {
     kStdErrWriter = 5,
 };
 
-// Receives each line that passes gLogLevel, ahead of any logger: the caller's signature text, the level, the text.
+// Receives each line of the log entry, of LogLine and of a FunctionTrace at or below its level, ahead of any logger: the
+// caller's signature text, the level, the text. A line that it causes itself is dropped.
 using LogSink = void (*)(void* context, const char* function, int level, const char* text);
 
 // All operations are safe on any thread and run under the log lock (LoggerLock). Setters and AddWriter return false or
@@ -52,8 +53,6 @@ public:
 
     // The same on this logger, whether or not it is the default one.
     void LogLine(const char* function, int level, const char* format, ...) __attribute__((format(printf, 4, 5)));
-    void LogLineV(const char* function, int level, const char* format, va_list args)
-        __attribute__((format(printf, 4, 0)));
     void LogHexLine(const char* function, int level, const void* data, int length);
 
     // To some writers only; to several of them one message, formatted by the first.
@@ -73,8 +72,9 @@ public:
     RCPtr<LogWriter> GetWriter(int type);
     bool HasWriter(int type);
 
-    // Attaches a configuration file, which is read now and again whenever it changes; its section is componentName,
-    // "." and name. False for an empty path and without a componentName. A file that can't be read has no settings.
+    // Attaches a configuration file, which is read now and again whenever it changes, and applied at the start and at
+    // each change; its section is componentName, "." and name. False for an empty path and without a componentName. A
+    // file that can't be read has no settings.
     bool AddConfigFile(const std::string& path);
 
     // Puts all that reader tells into effect; nothing for null. Holds the log lock; called by Start and by the file
@@ -87,6 +87,8 @@ public:
     // Stops the writers, each with its last line; the logger stays started, without writers. Always true.
     bool Stop();
 
+    // The four lines of the header: version and build type ("release/32-bit", or "release/64-bit" where a pointer has 8
+    // bytes; debug builds too), system, time zone, level.
     void LogStartupInfo();
     const char* GetLevelName();
 
@@ -104,16 +106,22 @@ public:
     // Empties all of messages, for less than one by one.
     void ReturnMessages(std::span<RCPtr<LogMessage>> messages);
 
-    // Shows every line to sink until it is set to null, and keeps gLogLevel at sinkLevel at least. A line that sink
-    // itself causes is dropped. Returns after calls of the earlier sink have ended.
+    // Shows lines to sink until it is set to null, and keeps gLogLevel at sinkLevel at least. Returns after calls of the
+    // earlier sink have ended.
     static void SetSink(LogSink sink, void* context, int sinkLevel);
 
-    // gLogLevel follows the default logger's level and the sink's.
+    // gLogLevel follows the default logger's level and the sink's. The caller holds the log lock.
     static void UpdateLogLevel(int loggerLevel);
 
 private:
     friend class LoggerManager;
+    friend class FunctionTrace;
     class LineText;
+
+    static bool SinkTakes(int level);
+    // For the sink, and for logger if it isn't null.
+    static void LogLineV(Logger* logger, const char* function, int level, const char* format, va_list args)
+        __attribute__((format(printf, 4, 0)));
 
     bool Accepts(int lineLevel) const { return IsStarted() && lineLevel <= GetLevel(); }
     // Callers hold the log lock, which the analysis doesn't see through LogOn.

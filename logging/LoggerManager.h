@@ -19,6 +19,7 @@ KxMutex& LoggerLock();
 class LoggerManager {
 public:
     static LoggerManager* GetInstance();
+    static LoggerManager* Existing();  // null if none has been made
     virtual ~LoggerManager();
 
     static bool IsShuttingDown();
@@ -39,7 +40,6 @@ public:
 private:
     friend class Logger;
     LoggerManager();
-    static LoggerManager* Existing();  // null if none has been made
 
     RCPtr<Logger> defaultLogger;
     std::map<std::string, RCPtr<Logger>> loggers;

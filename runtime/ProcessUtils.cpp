@@ -20,6 +20,10 @@ std::string GetHomePath(const std::string& relative) {
     return FileUtils::JoinPath(home, relative);
 }
 
+std::string GetProcessName() {
+    return {};
+}
+
 std::string GetOSText() {
     utsname system;
     if (uname(&system) != 0) return "Linux";

@@ -9,6 +9,9 @@ namespace ProcessUtils {
 // set or empty.
 std::string GetHomePath(const std::string& relative);
 
+// The name to show for the process in the log's header; empty where, as here, the platform gives it none.
+std::string GetProcessName();
+
 // The operating system's name, release and version, parted by commas.
 std::string GetOSText();
 

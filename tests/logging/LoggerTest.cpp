@@ -328,6 +328,18 @@ TEST_F(LoggerTest, ATraceOverTheStartOfItsLoggerHasAnExit) {
     EXPECT_EQ(CountOf(output.Text(), "Starts(): Exit\n"), 1u);
 }
 
+TEST_F(LoggerTest, ATraceStaysWithTheLoggerOfItsEnter) {
+    StartStdOut();
+    {
+        const FunctionTrace trace(kLogInfo, "Stays()", RCPtr<Logger>(), "");
+        LoggerManager::SetDefaultLogger({});
+        LOG(Info, "dropped\n");
+    }
+    EXPECT_EQ(CountOf(output.Text(), "Stays(): Enter\n"), 1u);
+    EXPECT_EQ(CountOf(output.Text(), "Stays(): Exit\n"), 1u);
+    EXPECT_EQ(CountOf(output.Text(), "dropped"), 0u);
+}
+
 TEST_F(LoggerTest, ATraceOverTheEndOfItsLoggerHasNoExit) {
     for (const bool own : {false, true}) {
         const RCPtr<Logger> logger = StartStdOut();

@@ -45,16 +45,15 @@ TEST_F(PluginLog, LiesInTheUsersFolderFromHeaderToLastLine) {
     EXPECT_TRUE(Finds(name, "^velmora-UsbRedirectionClient-0-" + std::to_string(getpid()) +
                                 "__\\d{4}-\\d\\d-\\d\\d-\\d\\d-\\d\\d\\.log$"))
         << name;
-    ExpectInOrder(
-        lines,
-        {" A Logger::LogStartupInfo(): version=", " A OS Version: Linux",
-         " A Time Zone: ", " A Log Level: INFO (read from )",
-         " I UsbRedirectionLogger::Start(): USBRedirection - Logger started with default FileWriter.",
-         " I UsbRedirectionClient::OnClientInit(): Power on Usbd service.", " I QSCService_PluginInit(): Exit",
-         " I QSCService_PluginCreateInstance(): Enter", " I QSCService_PluginCreateInstance(): Exit",
-         " I UsbRedirectionClientPlugin::OnReady(): Transport is ready now.",
-         " I QSCService_PluginDestroyInstance(): Enter", " I QSCService_PluginDestroyInstance(): Exit",
-         " I QSCService_PluginExit(): Enter", " I UsbRedirectionClient::OnClientExit(): Power off Usbd service."});
+    ExpectInOrder(lines, {" A Logger::LogStartupInfo(): version=", " A OS Version: Linux",
+                          " A Time Zone: ", " A Log Level: INFO (read from )",
+                          " I UsbRedirectionLogger::Start(): USBRedirection - Logger started with default FileWriter.",
+                          " I UsbRedirectionClient::OnClientInit(): Power on Usbd service.",
+                          " I QSCService_PluginCreateInstance(): Enter", " I QSCService_PluginCreateInstance(): Exit",
+                          " I UsbRedirectionClientPlugin::OnReady(): Transport is ready now.",
+                          " I QSCService_PluginDestroyInstance(): Enter", " I QSCService_PluginDestroyInstance(): Exit",
+                          " I QSCService_PluginExit(): Enter",
+                          " I UsbRedirectionClient::OnClientExit(): Power off Usbd service."});
     EXPECT_NE(lines.back().find(" A Shutdown: *** LOG FILE COMPLETE ***"), std::string::npos) << lines.back();
 }
 
