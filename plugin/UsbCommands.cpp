@@ -10,7 +10,7 @@
 
 namespace {
 
-// A variant of the service for the length of a scope. It stays of no kind if it could not be initialised.
+// A variant of the service for the length of a scope. It stays of no kind if it could not be initialised or read.
 class ScopedVariant {
 public:
     explicit ScopedVariant(const QSCRPC_VariantInterface* table) : variants(table) {
@@ -23,7 +23,12 @@ public:
         if (initialised) variants->VariantClear(&value);
     }
 
-    QSC_RPC_VARIANT* Get() { return &value; }
+    void ReadParam(QSCServiceCommand& message, int index) {
+        if (initialised) message.GetParam(index, &value);
+    }
+    void ReadReturnVal(QSCServiceCommand& message, int index) {
+        if (initialised) message.GetReturnVal(index, &value);
+    }
     const QSC_RPC_VARIANT* operator->() const { return &value; }
 
     bool Holds(QSC_RPC_VariantKind kind) const { return value.vt == kind; }
@@ -112,12 +117,12 @@ bool UsbPostMsgClientCommand::ParseRequest() {
     }
     ScopedVariant type(m_variant);
     ScopedVariant content(m_variant);
-    GetParam(0, type.Get());
+    type.ReadParam(*this, 0);
     if (!type.HoldsString()) {
         LOG(Error, "Failed to get message type at index 0.\n");
         return false;
     }
-    GetParam(1, content.Get());
+    content.ReadParam(*this, 1);
     if (!content.HoldsBlob()) {
         LOG(Error, "Failed to get message blob at index 1.\n");
         return false;
@@ -179,25 +184,25 @@ bool UsbPostMsgFastClientCommand::ParseRequest() {
     ScopedVariant headerLength(m_variant);
     ScopedVariant trailer(m_variant);
     ScopedVariant content(m_variant);
-    GetParam(0, queueId.Get());
+    queueId.ReadParam(*this, 0);
     if (!queueId.Holds(QSC_VT_UI4)) {
         LOG(Error, "Failed to get param at index 0.\n");
         return false;
     }
     LOG(Trace, "Message queue id is [%u].\n", queueId->uint32Val);
-    GetParam(1, headerLength.Get());
+    headerLength.ReadParam(*this, 1);
     if (!headerLength.Holds(QSC_VT_UI8)) {
         LOG(Error, "Failed to get param at index 1.\n");
         return false;
     }
     LOG(Trace, "Header length is [%llu].\n", static_cast<unsigned long long>(headerLength->uint64Val));
-    GetParam(2, trailer.Get());
+    trailer.ReadParam(*this, 2);
     if (!trailer.Holds(QSC_VT_UI8)) {
         LOG(Error, "Failed to get param at index 2.\n");
         return false;
     }
     LOG(Trace, "Trailer is [%llu].\n", static_cast<unsigned long long>(trailer->uint64Val));
-    GetParam(3, content.Get());
+    content.ReadParam(*this, 3);
     if (!content.HoldsBlob()) {
         LOG(Error, "Failed to get param at index 3.\n");
         return false;
@@ -244,12 +249,12 @@ bool UsbSendAsyncMsgClientCommand::ParseResponse() {
     }
     ScopedVariant id(m_variant);
     ScopedVariant content(m_variant);
-    GetReturnVal(0, id.Get());
+    id.ReadReturnVal(*this, 0);
     if (!id.HoldsString()) {
         LOG(Error, "Failed to get param at index 0.\n");
         return false;
     }
-    GetReturnVal(1, content.Get());
+    content.ReadReturnVal(*this, 1);
     if (!content.HoldsBlob()) {
         LOG(Error, "Failed to get param at index 1.\n");
         return false;

@@ -30,8 +30,8 @@ enum class UsbOperationType {
     IsUsbAvailable = 3,
     ClientStartup = 4,
     UemIsReady = 5,
-    Filter = 6,
-    UnFilter = 7,
+    Filter = 6,    // device filtering is enabled, for the embedding client and the daemon
+    UnFilter = 7,  // it is disabled
     HIDOptOperation = 8,
 };
 
@@ -43,8 +43,8 @@ class UsbQSCServiceCommand : public QSCServiceCommand {
 public:
     using QSCServiceCommand::QSCServiceCommand;
 
-    // Writes the fields into the message. Returns the message, or null after an ERROR line; parameters written so far
-    // stay in it.
+    // Writes the fields into the message. Returns the message, or null after an ERROR line (INFO where a class has no
+    // such form); parameters written so far stay in it.
     virtual void* CreateRequest();
 
     // Reads the message and does what it asks for. False after an ERROR line; nobody was called then.

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <limits>
+#include <utility>
 
 #include "logging/Log.h"
 
@@ -68,16 +69,24 @@ RPCPluginInstance* UsbRedirectionClient::OnCreateInstance() {
 void UsbRedirectionClient::OnDestroyInstance(RCPtr<RPCPluginInstance> instance) {
     LOG(Info, "Request for UsbRedirectionClientPlugin to be destroyed.\n");
     KxMutexGuard guard(gInstanceLock);
-    if (instance.Get() == GetPlugin()) ExchangePlugin(nullptr);
+    ClearPlugin(instance.Get());
 }
 
-// The earlier instance goes out with its own reference, so that its end never falls under pluginLock.
+// An earlier instance goes out with its own reference, so that its end never falls under pluginLock.
 RCPtr<UsbRedirectionClientPlugin> UsbRedirectionClient::ExchangePlugin(UsbRedirectionClientPlugin* instance) {
     KxMutexGuard guard(pluginLock);
     RCPtr<UsbRedirectionClientPlugin> earlier = plugin;
     plugin = instance;
     currentPlugin.store(instance, std::memory_order_release);
     return earlier;
+}
+
+// In one step with the comparison: another instance may come in between.
+RCPtr<UsbRedirectionClientPlugin> UsbRedirectionClient::ClearPlugin(const RPCPluginInstance* instance) {
+    KxMutexGuard guard(pluginLock);
+    if (plugin.Get() != instance) return {};
+    currentPlugin.store(nullptr, std::memory_order_release);
+    return std::move(plugin);
 }
 
 RCPtr<UsbRedirectionClientPlugin> UsbRedirectionClient::HoldPlugin() {

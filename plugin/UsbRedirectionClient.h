@@ -62,6 +62,7 @@ private:
 
     RCPtr<UsbRedirectionClientPlugin> HoldPlugin();
     RCPtr<UsbRedirectionClientPlugin> ExchangePlugin(UsbRedirectionClientPlugin* instance);
+    RCPtr<UsbRedirectionClientPlugin> ClearPlugin(const RPCPluginInstance* instance);
     std::string MakeIdentity();
     bool StopUsbdThread(const char* signature);  // logs under that of PowerOffUsbdService
 

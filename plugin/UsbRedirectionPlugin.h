@@ -1,5 +1,5 @@
 // What libusbRedirectionClient.so exports: six entry points for the remoting service that loads it and four for the
-// embedding client in the same process. All are plain C functions, throw nothing, and return TRUE or FALSE.
+// embedding client in the same process. All are plain C functions and throw nothing.
 //
 // Calling order: QSCService_PluginSetStartupArgs, QSCService_PluginInit, QSCUsbRedirectionPlugin_Init (before the
 // daemon can have finished its start), QSCService_PluginCreateInstance; at the end QSCService_PluginDestroyInstance,
@@ -27,7 +27,7 @@ using RMCControlSetUsbdDevicesFilterStatus = Bool (*)(Bool enabled);
 // Provided by the embedding client, filled by QSCUsbRedirectionPlugin_Init.
 struct QSCUsbRedirectionPluginDispatch {
     uint32_t version;     // 1
-    void (*startUsbd)();  // starts the daemon if it isn't running; needs startup arguments, returns at once
+    void (*startUsbd)();  // starts the daemon, once until the next exit; needs startup arguments
 };
 
 // Takes the startup arguments: "key,value,key,value", in which each byte other than an ASCII letter or digit is a slash

@@ -25,8 +25,9 @@ using Usbd_PostHIDOptMsgFastCb = bool (*)(size_t size, const unsigned char* data
 using Usbd_SendAsyncMsgCb = void* (*)(const char* msgType, size_t size, const char* data,
                                       Usbd_AsyncFinalRespCb callback, void* context, const char* msgId);
 
-// Runs the daemon on the calling thread and returns when it has stopped. argv: program name, "TRUE" when the virtual
-// channel is used, identity string. The strings stay valid until it returns.
+// Runs the daemon on the calling thread and returns when it has stopped. argv: program name, the startup
+// argument for the virtual channel as it came ("TRUE" in any case of letters when it is used), identity string. The
+// strings stay valid until it returns.
 int StartUsbd(int argc, char** argv);
 
 // Makes StartUsbd return; callable from any other thread. orderly is 1 for a daemon that reported success, else 0.
