@@ -62,7 +62,7 @@ FileWriter::DirectoryIterator::~DirectoryIterator() {
 }
 
 RCPtr<FileWriter::FileInfo> FileWriter::DirectoryIterator::Next() {
-    if (!handle) handle = opendir(folder.c_str());
+    if (!handle && !FileUtils::IsForeignLink(folder)) handle = opendir(folder.c_str());
     if (!handle) return {};
     while (const dirent* entry = readdir(handle)) {
         if (entry->d_type != DT_REG) continue;

@@ -1,7 +1,6 @@
 #include "logging/FileWriter.h"
 
 #include <strings.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -37,13 +36,6 @@ constexpr const char* kSessionBanner[] = {
 
 bool IsKey(const std::string& key, const char* name) {
     return strcasecmp(key.c_str(), name) == 0;
-}
-
-bool IsForeignLink(const std::string& folder) {
-    struct stat status;
-    std::string path = folder;
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid != geteuid();
 }
 
 // "YYYY-MM-DD-HH-MM" in local time.
@@ -144,7 +136,7 @@ std::string FileWriter::BuildFileName(int number) {
 bool FileWriter::Open() {
     if (folderPath.empty() && !FileUtils::GetKestorUserTempPath(folderPath)) return false;
     ++fileCounter;
-    fileOpen = !IsForeignLink(folderPath) && OpenFile();
+    fileOpen = !FileUtils::IsForeignLink(folderPath) && OpenFile();
     if (!fileOpen) {
         reopenTimer.GetTimerCount(KxTimer::Mode::Start, 0);
         return false;

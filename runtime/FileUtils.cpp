@@ -87,6 +87,13 @@ bool IsFolder(const std::string& path) {
     return HasKind(path.c_str(), kDirectory);
 }
 
+bool IsForeignLink(const std::string& path) {
+    struct stat status;
+    std::string name = path;
+    while (name.size() > 1 && (name.ends_with('/') || name.ends_with("/."))) name.pop_back();
+    return lstat(name.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && status.st_uid != geteuid();
+}
+
 bool GetFileSize(const std::string& path, uint64* size) {
     struct stat status;
     if (stat(path.c_str(), &status) != 0) return false;

@@ -24,6 +24,10 @@ bool IsFile(const std::string& path);
 // A directory stands at path, which may have any length.
 bool IsFolder(const std::string& path);
 
+// A symbolic link of another user than this process's stands at path, "/" and "/." at its end not counted; the folders
+// on the way may be anybody's. Root counts as another user.
+bool IsForeignLink(const std::string& path);
+
 // The length in bytes; false if there is nothing at path. size may be null.
 bool GetFileSize(const std::string& path, uint64* size);
 
