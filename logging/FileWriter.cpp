@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 
 #include "logging/FileRetention.h"
 #include "logging/Log.h"
@@ -67,7 +68,8 @@ bool FileWriter::ShouldDrop(const RCPtr<LogMessage>& message) {
 bool FileWriter::SetProperty(const std::string& key, const std::string& value) {
     KxMutexGuard guard(LoggerLock());
     if (key.empty() || value.empty()) return false;
-    const auto number = static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 0));
+    const unsigned long given = std::strtoul(value.c_str(), nullptr, 0);
+    const auto number = static_cast<uint32_t>(std::min<unsigned long>(given, std::numeric_limits<uint32_t>::max()));
     if (IsKey(key, "filename") || IsKey(key, "folderPath")) {
         if (IsStarted() || file) return false;
         (IsKey(key, "filename") ? filename : folderPath) = value;
@@ -190,13 +192,18 @@ bool FileWriter::Reopen() {
     if (reopenTimer.GetTimerMS(KxTimer::Mode::Read, 0) < kReopenMS) return false;
     file = nullptr;
     if (!Open()) return false;
-    const int lost = lostLines;
-    lostLines = 0;
-    if (lost > 0) ReportLost(lost, kLogAlways);
+    ReportLostLines();
+    TrimRolledFiles();
     return true;
 }
 
+// Again by a later pass if the system refuses it.
+void FileWriter::ReportLostLines() {
+    if (lostLines > 0 && HasFile() && ReportLost(lostLines, kLogAlways) && FlushMedium()) lostLines = 0;
+}
+
 void FileWriter::EndWrite() {
+    ReportLostLines();
     if (ReachedSizeLimit()) {
         RollLogFile();
     } else {
@@ -228,7 +235,10 @@ bool FileWriter::ReachedSizeLimit() {
 
 void FileWriter::RollLogFile() {
     Close();
-    if (!Open()) return;
+    if (Open()) TrimRolledFiles();
+}
+
+void FileWriter::TrimRolledFiles() {
     const uint32_t kept = maxRollingFiles;
     if (kept == 0) return;
     while (rolledFiles.size() > kept) {

@@ -28,7 +28,8 @@
 // Files are named "velmora-<stem>-0-<process>(<number>)__<YYYY-MM-DD-HH-MM>.log", with mode 0640, never opened through
 // a symbolic link, nor in a folder that is a symbolic link of another user. Lines that can't be written because a new
 // file can't be opened are counted and reported when one can; that is tried again once a second at most, with the next
-// line.
+// line, and each try takes a number. A line that the system refuses is lost; if a part of it got through, the next line
+// begins on a line of its own. Only the first Open has the old files scanned for.
 class FileWriter : public LogWriter {
 public:
     FileWriter();
@@ -68,7 +69,9 @@ private:
     uint32_t SizeLimitMB() const;
     bool ReachedSizeLimit();
     void RollLogFile();
+    void TrimRolledFiles();
     bool Reopen();
+    void ReportLostLines();
     void CheckDiskSpace();
     void ReportDiskSpace(uint64 freeBytes);
 

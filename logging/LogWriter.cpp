@@ -191,7 +191,8 @@ void LogWriter::DrainQueue(int index, size_t limit) {
     EndWrite();
 }
 
-// Settles both queues, in the order in which they were filled, and leaves the indices as they were.
+// Settles both queues, in the order in which they were filled, and leaves the indices as they were. The caller holds the
+// log lock and has found the writer not stopping, or is Stop: so one drain runs at a time.
 void LogWriter::DrainAll() {
     for (int turn = 0; turn < 2; ++turn) {
         DrainQueue(otherQueue, kNoLimit);
@@ -200,10 +201,10 @@ void LogWriter::DrainAll() {
     }
 }
 
-// A report that the medium refuses is made again by a later drain.
+// A report that the medium refuses is made again by a later drain; one that isn't there isn't asked.
 void LogWriter::ReportDropped(int index) {
     int32_t& dropped = queues[index].dropped;
-    if (dropped > 0 && ReportLost(dropped, kLogInfo) && FlushMedium()) dropped = 0;
+    if (dropped > 0 && FlushMedium() && ReportLost(dropped, kLogInfo) && FlushMedium()) dropped = 0;
 }
 
 bool LogWriter::ReportLost(int count, int level) {
@@ -241,7 +242,10 @@ bool LogWriter::Start() {
 }
 
 bool LogWriter::Stop() {
-    stopping.store(true, std::memory_order_relaxed);
+    {
+        KxMutexGuard guard(LoggerLock());
+        stopping.store(true, std::memory_order_relaxed);
+    }
     pollItem->RemoveFromPollThread(true);
     DrainAll();
     WriteFramed("Logger Shutdown", footerText.empty() ? kDefaultFooter : footerText.c_str());
@@ -279,7 +283,7 @@ bool LogWriter::SetFlag(std::atomic<bool>& flag, bool value) {
     const bool changed = value != flag.load(std::memory_order_relaxed);
     if (changed) {
         if (value) flag.store(true, std::memory_order_relaxed);
-        DrainAll();
+        if (!IsStopping()) DrainAll();
         if (!value) flag.store(false, std::memory_order_relaxed);
     }
     if (value == changed) pollItem->Enable();
@@ -291,7 +295,7 @@ bool LogWriter::SetBatchThreshold(uint32_t value) {
     KxMutexGuard guard(LoggerLock());
     if (value != batchThreshold) {
         batchThreshold = value;
-        DrainAll();
+        if (!IsStopping()) DrainAll();
     }
     pollItem->Enable();
     return true;
@@ -324,7 +328,7 @@ void LogWriter::Flush() {
     pollItem->Disable(true);
     {
         KxMutexGuard guard(LoggerLock());
-        if (IsEnabled() && IsBuffering()) DrainAll();
+        if (IsEnabled() && IsBuffering() && !IsStopping()) DrainAll();
     }
     pollItem->Enable();
 }

@@ -12,8 +12,12 @@
 #include "runtime/ThreadAnnotations.h"
 
 // A writer writes each line at once, on the caller's thread under the log lock, or, with buffering, queues it for a
-// pass in the background once a flush period. A queue that outgrows its threshold turns batch mode on for good: then
-// the logging threads write their lines themselves, by the hundred.
+// pass in the background once a flush period. A queue that outgrows its threshold while no pass runs turns batch mode on
+// for good: then the logging threads write their lines themselves, by the hundred, and up to 99 wait for the next
+// hundred, a Flush or the end.
+//
+// Lines dropped at the door are counted and reported by the next drain that finds a line in either queue. A report
+// that the medium refuses stays due.
 //
 // A writer is started once and stopped once. All operations are safe on any thread, but SetEnabled, SetBuffering,
 // SetBatchThreshold, Flush and Stop wait for a pass in progress: on another thread than "Logger", their caller doesn't
@@ -59,7 +63,7 @@ public:
     // The first and the last line of this writer's life; false for an empty text and once the logger is started.
     bool SetHeaderText(const std::string& text);
     bool SetFooterText(const std::string& text);
-    // Writes what is queued now.
+    // Writes what is queued now, under the log lock.
     void Flush();
 
     int GetType() const { return type; }

@@ -201,7 +201,8 @@ bool KxFile::OpenToAppend() {
         close(fd);
         return false;
     }
-    std::setvbuf(stream.Get(), nullptr, _IOFBF, kAppendBuffer);
+    if (!appendBuffer) appendBuffer = std::make_unique<char[]>(kAppendBuffer);
+    std::setvbuf(stream.Get(), appendBuffer.get(), _IOFBF, kAppendBuffer);
     return true;
 }
 

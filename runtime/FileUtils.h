@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include "runtime/Holder.h"
@@ -80,7 +81,8 @@ public:
 
     // False without a stream, or if the system refused.
     bool Write(const char* text);
-    // The caller sees to it that no other thread uses the stream. After OpenToAppend the system gets whole texts.
+    // The caller sees to it that no other thread uses the stream. After OpenToAppend the system gets whole texts, as long
+    // as each fits the stream's 64 KiB.
     bool Write(const char* text, size_t length);
     bool Flush();
 
@@ -91,6 +93,7 @@ public:
 
 private:
     std::string absPath;
+    std::unique_ptr<char[]> appendBuffer;  // the stream's, so it goes after it
     FileHolder stream;
 };
 
