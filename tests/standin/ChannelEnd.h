@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "standin/qscservice/MessageContext.h"
@@ -61,15 +62,13 @@ private:
 // A client opens the channel when the connection comes up; objects are the test's.
 class ChannelEnd {
 public:
-    explicit ChannelEnd(const qscservice::ChannelOptions& options, bool withSink = true)
+    explicit ChannelEnd(const qscservice::ChannelOptions& options)
         : channel(qscservice::ServiceChannel::Create(options)) {
-        if (withSink) Register();
+        EXPECT_TRUE(channel->RegisterSink(&kChannelSink, this, &cookie));
     }
     ~ChannelEnd() { channel->Close(); }
     ChannelEnd(const ChannelEnd&) = delete;
     ChannelEnd& operator=(const ChannelEnd&) = delete;
-
-    void Register() { ASSERT_TRUE(channel->RegisterSink(&kChannelSink, this, &cookie)); }
 
     // The lines up to this one, which are taken. A channel that has to be polled for them is.
     Texts TakeUntil(const std::string& line) {
@@ -118,6 +117,14 @@ public:
             total.undeliverable += count.undeliverable;
         }
         return total;
+    }
+
+    // Until so many messages have come; what is sent to an object that is gone is still received.
+    void AwaitReceived(uint64_t count) const {
+        const auto received = [&] { return Total().delivered + Total().undeliverable; };
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kLongMS);
+        while (received() < count && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+        EXPECT_EQ(received(), count);
     }
 
     const std::shared_ptr<qscservice::ServiceChannel> channel;
@@ -189,29 +196,36 @@ public:
         std::string error;
         ASSERT_TRUE(server.channel->Listen(address, &error)) << error;
         ASSERT_TRUE(client.channel->Dial(server.channel->Address(), &error)) << error;
-        AwaitOpen();
+        AwaitChannel();
     }
 
-    void AwaitOpen() {
-        ASSERT_EQ(client.TakeUntil("channel 2"), (Texts{"connection 2", "channel 2"}));
-        ASSERT_EQ(server.TakeUntil("channel 2"), (Texts{"connection 2", "channel 2"}));
+    void AwaitChannel() {
+        client.TakeUntil("channel 2");
+        server.TakeUntil("channel 2");
     }
 
-    void ConnectObject(uint32_t serverFlags = 0x35, uint32_t clientFlags = 0x0D) {
-        atServer = server.Create("object", serverFlags);
+    void ConnectObject() {
+        atServer = server.Create("object", 0x35);
         ASSERT_EQ(client.TakeUntil("peer object"), Texts{"peer object"});
-        atClient = client.Create("object", clientFlags);
+        atClient = client.Create("object", 0x0D);
         ASSERT_EQ(client.TakeUntil("object state"), Texts{"object state"});
         ASSERT_EQ(server.TakeUntil("object state"), Texts{"object state"});
     }
 
-    // After a fall that both ends have heard of: lets the objects go and comes back.
+    // Of a channel that has gone, so that both are disconnected.
+    void DestroyObjects() const {
+        for (void* hObject : {atClient, atServer}) {
+            EXPECT_EQ(qscservice::ServiceChannel::ObjectState(hObject), QSC_OBJECT_DISCONNECTED);
+            EXPECT_TRUE(qscservice::ServiceChannel::DestroyObject(hObject));
+        }
+    }
+
+    // After a fall that both ends have heard of.
     void ComeBack() {
         std::string error;
-        EXPECT_TRUE(qscservice::ServiceChannel::DestroyObject(atServer));
-        EXPECT_TRUE(qscservice::ServiceChannel::DestroyObject(atClient));
+        DestroyObjects();
         ASSERT_TRUE(client.channel->Reconnect(&error)) << error;
-        AwaitOpen();
+        AwaitChannel();
     }
 
     ChannelEnd server;
@@ -220,7 +234,4 @@ public:
     void* atClient = nullptr;
 };
 
-class ChannelPair : public testing::Test, public ChannelEnds {
-public:
-    using ChannelEnds::ChannelEnds;
-};
+class ChannelPair : public testing::Test, public ChannelEnds {};

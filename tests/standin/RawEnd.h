@@ -12,6 +12,25 @@
 #include "standin/qscservice/ServiceChannel.h"
 #include "tests/standin/ChannelEnd.h"
 
+inline std::vector<uint8_t> Hello(qscservice::Role role = qscservice::Role::Client, uint64_t peerEnd = 0,
+                                  std::initializer_list<qscservice::Value> tail = {}) {
+    std::vector<qscservice::Value> values = {1u, static_cast<uint32_t>(role), uint64_t{77}, peerEnd};
+    values.insert(values.end(), tail.begin(), tail.end());
+    return qscservice::MakeFrame(qscservice::FrameType::Hello, values);
+}
+
+inline std::vector<uint8_t> FrameOf(qscservice::FrameType type, qscservice::ItemRole role) {
+    std::vector<uint8_t> frame;
+    qscservice::FrameHeader header = {};
+    header.type = type;
+    header.object = 1;
+    header.itemCount = 1;
+    qscservice::BeginFrame(&frame);
+    qscservice::AppendItem(&frame, role, {}, qscservice::Value(1u));
+    qscservice::SealFrame(&frame, header);
+    return frame;
+}
+
 class RawEnd {
 public:
     using Bytes = std::vector<uint8_t>;
@@ -28,12 +47,6 @@ public:
 
     void SendAsItIs(const Bytes& frame) const {
         ASSERT_EQ(send(m_socket.Get(), frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
-    }
-
-    void SayHello(qscservice::Role role) {
-        Send(qscservice::MakeFrame(qscservice::FrameType::Hello,
-                                   {qscservice::Value(1u), qscservice::Value(static_cast<uint32_t>(role)),
-                                    qscservice::Value(uint64_t{77}), qscservice::Value(uint64_t{0})}));
     }
 
     // Reads frames up to one of this type, and gives its values; they live until the next call.
@@ -78,32 +91,44 @@ private:
     size_t m_used = 0;
 };
 
-// With the channel open.
-class ServerOfRawClient {
+class ServerOfRawClients {
 public:
-    explicit ServerOfRawClient(const qscservice::ChannelOptions& options = ServerOptions()) : server(options) {
+    explicit ServerOfRawClients(const qscservice::ChannelOptions& options = ServerOptions()) : server(options) {
         std::string error;
         EXPECT_TRUE(server.channel->Listen("unix:", &error)) << error;
-        Dial();
     }
 
-    void Dial() {
-        using namespace qscservice;
+    RawEnd Dial() const {
         std::string error;
-        client = std::make_unique<RawEnd>(ConnectSocket(server.channel->Address(), &error));
-        client->SayHello(Role::Client);
-        client->Send(MakeFrame(FrameType::Open, {Value(1u)}));
+        return RawEnd(qscservice::ConnectSocket(server.channel->Address(), &error));
+    }
+
+    ChannelEnd server;
+};
+
+// With the channel open.
+class ServerOfRawClient : public ServerOfRawClients {
+public:
+    explicit ServerOfRawClient(const qscservice::ChannelOptions& options = ServerOptions())
+        : ServerOfRawClients(options) {
+        Open();
+    }
+
+    void Open() {
+        using namespace qscservice;
+        client = std::make_unique<RawEnd>(Dial());
+        client->Send(Hello());
+        client->Send(MakeFrame(FrameType::Open, {1u}));
         server.TakeUntil("channel 2");
     }
 
     void ConnectObject() {
         using namespace qscservice;
         hObject = server.Create("object");
-        client->Send(MakeFrame(FrameType::ObjectCreated, {Value("object"), Value(1u), Value(0u)}));
+        client->Send(MakeFrame(FrameType::ObjectCreated, {"object", 1u, 0u}));
         server.TakeUntil("object state");
     }
 
-    ChannelEnd server;
     std::unique_ptr<RawEnd> client;
     void* hObject = nullptr;
 };
@@ -118,9 +143,9 @@ public:
         EXPECT_TRUE(listener) << error;
         EXPECT_TRUE(client.channel->Dial(listener->Address(), &error)) << error;
         server = std::make_unique<RawEnd>(listener->Accept(&error));
-        server->SayHello(Role::Server);
+        server->Send(Hello(Role::Server));
         server->Await(FrameType::Open);
-        server->Send(MakeFrame(FrameType::Accept, {Value(1u), Value(int32_t{0})}));
+        server->Send(MakeFrame(FrameType::Accept, {1u, int32_t{0}}));
         client.TakeUntil("channel 2");
     }
 
