@@ -191,8 +191,8 @@ void LogWriter::DrainQueue(int index, size_t limit) {
     EndWrite();
 }
 
-// Settles both queues, in the order in which they were filled, and leaves the indices as they were. The caller holds the
-// log lock and has found the writer not stopping, or is Stop: so one drain runs at a time.
+// Settles both queues, in the order in which they were filled, and leaves the indices as they were. The caller holds
+// the log lock and has found the writer not stopping, or is Stop: so one drain runs at a time.
 void LogWriter::DrainAll() {
     for (int turn = 0; turn < 2; ++turn) {
         DrainQueue(otherQueue, kNoLimit);

@@ -12,8 +12,8 @@
 #include "runtime/ThreadAnnotations.h"
 
 // A writer writes each line at once, on the caller's thread under the log lock, or, with buffering, queues it for a
-// pass in the background once a flush period. A queue that outgrows its threshold while no pass runs turns batch mode on
-// for good: then the logging threads write their lines themselves, by the hundred, and up to 99 wait for the next
+// pass in the background once a flush period. A queue that outgrows its threshold while no pass runs turns batch mode
+// on for good: then the logging threads write their lines themselves, by the hundred, and up to 99 wait for the next
 // hundred, a Flush or the end.
 //
 // Lines dropped at the door are counted and reported by the next drain that finds a line in either queue. A report

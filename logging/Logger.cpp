@@ -346,8 +346,7 @@ void Logger::LogStartupInfo() {
     KxMutexGuard guard(LoggerLock());
     const std::string process = ProcessUtils::GetProcessName();
     WriteText(process.empty() ? __PRETTY_FUNCTION__ : ("@" + process).c_str(), "%s%s\n",
-              ProcessUtils::GetVersionText().c_str(),
-              (std::string(", buildtype=") + kBuildType).c_str());
+              ProcessUtils::GetVersionText().c_str(), (std::string(", buildtype=") + kBuildType).c_str());
     WriteText("@OS Version", "%s%s\n", ProcessUtils::GetOSText().c_str(), "");
     WriteText("@Time Zone", "%ls, %s time is %s\n", StringUtils::GetTimeZoneText().c_str(),
               UsesLocalTime() ? "Local" : "UTC", StringUtils::GetTimestamp(!UsesLocalTime()).c_str());

@@ -28,8 +28,8 @@ enum LogWriterType : int32_t {
     kStdErrWriter = 5,
 };
 
-// Receives each line of the log entry, of LogLine and of a FunctionTrace at or below its level, ahead of any logger: the
-// caller's signature text, the level, the text. A line that it causes itself is dropped.
+// Receives each line of the log entry, of LogLine and of a FunctionTrace at or below its level, ahead of any logger:
+// the caller's signature text, the level, the text. A line that it causes itself is dropped.
 using LogSink = void (*)(void* context, const char* function, int level, const char* text);
 
 // All operations are safe on any thread and run under the log lock (LoggerLock). Setters and AddWriter return false or
@@ -106,8 +106,8 @@ public:
     // Empties all of messages, for less than one by one.
     void ReturnMessages(std::span<RCPtr<LogMessage>> messages);
 
-    // Shows lines to sink until it is set to null, and keeps gLogLevel at sinkLevel at least. Returns after calls of the
-    // earlier sink have ended.
+    // Shows lines to sink until it is set to null, and keeps gLogLevel at sinkLevel at least. Returns after calls of
+    // the earlier sink have ended.
     static void SetSink(LogSink sink, void* context, int sinkLevel);
 
     // gLogLevel follows the default logger's level and the sink's. The caller holds the log lock.

@@ -81,8 +81,8 @@ public:
 
     // False without a stream, or if the system refused.
     bool Write(const char* text);
-    // The caller sees to it that no other thread uses the stream. After OpenToAppend the system gets whole texts, as long
-    // as each fits the stream's 64 KiB.
+    // The caller sees to it that no other thread uses the stream. After OpenToAppend the system gets whole texts, as
+    // long as each fits the stream's 64 KiB.
     bool Write(const char* text, size_t length);
     bool Flush();
 
