@@ -3,7 +3,9 @@
 #include <strings.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 
 #include "logging/Log.h"
 #include "logging/LoggerManager.h"
@@ -76,6 +78,8 @@ std::string ConfigSettingsReader::Describe(const std::string& key) {
 
 bool ConfigSettingsReader::ReadFile() {
     properties.Clear();
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) return false;  // a pipe would hold up whoever opens it
     std::ifstream file(path);
     if (!file) return false;
     Parse(file);

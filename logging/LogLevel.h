@@ -5,7 +5,7 @@
 #include <cstdint>
 
 // A line is written when its level is at or below the logger's level, so a larger logger level writes more. kLogNever
-// as a logger's level lets every line through; nothing logs at it.
+// as a logger's level lets every line through; only the steps of the log's own thread are logged at it.
 enum LogLevel : int32_t {
     kLogAlways = 0,
     kLogError = 1,

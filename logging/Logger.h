@@ -77,8 +77,8 @@ public:
     // file that can't be read has no settings.
     bool AddConfigFile(const std::string& path);
 
-    // Puts all that reader tells into effect; nothing for null. Holds the log lock; called by Start and by the file
-    // watcher, as a change of buffering may wait for the background pass.
+    // Puts all that reader tells into effect; nothing for null. Holds the log lock. On a started logger on the thread
+    // "Logger" only, where the file watcher calls it: a change of buffering waits for the background pass.
     void ApplySettings(const RCPtr<SettingsReader>& reader);
 
     // Applies all readers and starts the writers. True if at least one started, and when started before.

@@ -154,8 +154,10 @@ TEST_F(ConfigSettingsReaderTest, AnotherTimeOfTheFileCountsAsAChange) {
 }
 
 TEST_F(ConfigSettingsReaderTest, AFileThatAppearsLaterIsReadAndAnUnreadableOneLeavesTheLoggerAlone) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     const RCPtr<ConfigSettingsReader> reader = Attach();
     EXPECT_EQ(ValueOf(reader, "logLevel"), "(none)");
+    std::filesystem::remove(path);
     logger->AddWriter(kStdOutWriter);
     ASSERT_TRUE(logger->Start());
     Write("Test.logger.logLevel = TRACE\nTest.logger.useLocalTime = false", 1000);
