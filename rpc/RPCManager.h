@@ -94,11 +94,11 @@ public:
     // its ERROR line and leaves the manager ready for another try; a start that fails after the service's own is undone
     // there.
 
-    // Single mode: offers one channel, for rpcPlugin (not null), in the process's own session, which is its process
-    // group, or in a given one, -1 for none. With msTimeoutReady, in milliseconds, not 0 it also waits for the channel
-    // to be ready and fails if it is refused or not ready in time; with 0 it returns at once and OnServerInit is never
-    // called. lowPriv counts without a session only. After a failure use a new instance: the failed one may stay
-    // registered with what the service had made for it.
+    // Single mode: offers one channel, for rpcPlugin (null is refused), in the process's own session, which is its
+    // process group, or in a given one, -1 for none. With msTimeoutReady, in milliseconds, not 0 it also waits for the
+    // channel to be ready and fails if it is refused or not ready in time; with 0 it returns at once and OnServerInit
+    // is never called. lowPriv counts without a session only. After a failure use a new instance: the failed one may
+    // stay registered with what the service had made for it.
     bool ServerInit(RPCPluginInstance* rpcPlugin, uint32_t msTimeoutReady, bool lowPriv);
     bool ServerInitForSession(DWORD sessionId, RPCPluginInstance* rpcPlugin, uint32_t msTimeoutReady);
 
@@ -108,8 +108,10 @@ public:
     bool ServerExitForSession(DWORD sessionId, RPCPluginInstance* rpcPlugin, bool exitOnDifferentThread);
 
     // Multi-server mode: the service reports server connections one by one to OnServerConnected, and makes an instance
-    // for each that is started. For a counted manager on the heap, which is held until MultiServerExit; that drops all
-    // instances, and passes reserved on unread. Not to be called from a callback of the service.
+    // for each that is started. For a counted manager on the heap, which its caller holds during the start and the
+    // start itself until MultiServerExit; that drops all instances and the entries of connections that are still up,
+    // and passes reserved on unread. After a start of another mode it lets nothing go. Not to be called from a callback
+    // of the service. OnCreateServerInstance isn't asked where the connection's channel can't be had.
     bool MultiServerInit(DWORD sessionId);
     bool MultiServerExit(DWORD sessionId, void* reserved);
 

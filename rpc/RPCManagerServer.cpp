@@ -101,6 +101,7 @@ Bool RPCManager::QscOnServerInstanceCreated(void* context, QscServerID id, void*
     const RCPtr<RPCPluginInstance> created(manager->OnCreateServerInstance(id));
     if (!created || !created->Handle()) {
         LOG(Error, "No instance was created for hServerId(0x%p)\n", id);
+        if (created) manager->OnDestroyServerInstance(id, created);
         return FALSE;
     }
     *instance = created->Handle();

@@ -15,7 +15,7 @@ public:
     static const char* GetSessionTypeText(QSCService_SessionType type);
 
     // Ids of the process for pairs of a number and a pointer, which is never followed. A pair keeps its id, which is
-    // never 0, until that is removed.
+    // never 0 nor that of another pair, until that is removed.
     static uint32_t GetUniqueSid(uint32_t number, void* pointer);
     // The pair of an id; false, with nothing stored, for one that is unknown. Either place may be null.
     static bool FindUniqueSid(DWORD sid, uint32_t* number, void** pointer);

@@ -115,11 +115,13 @@ void MultiServer::Serve(Fd socket) {
     options.role = Role::Server;
     options.delivery = Delivery::Threaded;
     const std::shared_ptr<ServiceChannel> channel = ServiceChannel::Create(options, weak_from_this(), id);
+    bool full = false;
     {
         Lock lock(m_mutex);
-        if (m_connections.size() >= kMaxConnections) return ReportError("too many server connections");
-        m_connections[id].channel = channel;
+        full = m_connections.size() >= kMaxConnections;
+        if (!full) m_connections[id].channel = channel;
     }
+    if (full) return ReportError("too many server connections");
     std::string error;
     if (channel->Attach(socket.Release(), &error)) return;
     ReportError(error);
@@ -258,7 +260,9 @@ void MultiServer::CreateInstance(QscServerID id) {
     {
         Lock lock(m_mutex);
         const auto found = m_connections.find(id);
-        if (found == m_connections.end() || !found->second.started || found->second.hasInstance) return;
+        if (found == m_connections.end()) return;
+        const Connection& connection = found->second;
+        if (!connection.started || connection.hasInstance || connection.ended) return;
     }
     void* instance = nullptr;
     const Bool created = CallSink([&](const QSCService_ServerNotifySink& sink, void* context) {
@@ -268,7 +272,7 @@ void MultiServer::CreateInstance(QscServerID id) {
     const auto found = m_connections.find(id);
     if (found == m_connections.end()) return;
     found->second.hasInstance = created != FALSE;
-    found->second.started = created != FALSE;
+    if (!created) found->second.started = false;
     found->second.instance = instance;
 }
 
