@@ -1,11 +1,13 @@
-// The service as one channel of tables under a test's control. Each word notes its call, runs what the test has hung in
-// it, and succeeds unless it is told to fail. The test fires the callbacks. One at a time; safe on any thread.
+// The service as one channel of tables under a test's control, with a manager and an instance that note their hooks in
+// it. Each word of the tables notes its call, runs what the test has hung in it, and succeeds unless it is told to
+// fail. The test fires the callbacks. One at a time; safe on any thread.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -19,15 +21,22 @@
 #include "rpc/RPCPluginInstance.h"
 #include "tests/support/LogCapture.h"
 
+inline std::string Text(const char* format, auto... values) {
+    char text[256];
+    std::snprintf(text, sizeof text, format, values...);
+    return text;
+}
+
 class ChannelService {
 public:
     using Names = std::vector<std::string>;
 
     ChannelService() {
         current = this;
-        channel.v1.Poll = [] {};
+        channel.v1.Poll = [] { current->Poll(); };
         channel.v1.RegisterChannelNotifySink = [](const QSCService_ChannelNotifySink* sink, void* context,
                                                   uint32_t* cookie) {
+            EXPECT_EQ(sink->version, 1u);
             current->channelSink = sink;
             current->context = context;
             *cookie = kCookie;
@@ -41,6 +50,10 @@ public:
         channel.v1.Disconnect = [] { return current->Call("Disconnect"); };
         channel.v1.GetConnectionState = [] { return current->connection.load(); };
         channel.GetSessionType = [] { return current->sessionType.load(); };
+        channel.v3.Poll = [](uint32_t ms) {
+            current->pollSlices.push_back(ms);
+            current->Poll();
+        };
         object.CreateChannelObject = [](const char* name, const QSCRPC_ObjectNotifySink* sink, void* sinkContext,
                                         uint32_t flags, void** hObject) {
             EXPECT_EQ(sinkContext, current->context);
@@ -66,6 +79,7 @@ public:
         object.DestroyContext = [](void*) { return current->Call("DestroyContext"); };
         object.Invoke = [](void* hObject, void* hContext, const QSCRPC_ContextNotifySink* sink, void* sinkContext) {
             EXPECT_EQ(sinkContext, current->context);
+            EXPECT_EQ(sink->version, 1u);
             {
                 std::lock_guard guard(current->lock);
                 current->contextSink = *sink;
@@ -124,9 +138,28 @@ public:
         actions[name] = std::move(action);
     }
 
+    // What was called, by its name and the arguments that count, with the hooks of the manager in between.
     Names TakeCalls() {
         std::lock_guard guard(lock);
         return std::exchange(calls, {});
+    }
+    // The hooks of the instances.
+    Names TakeHeard() {
+        std::lock_guard guard(lock);
+        return std::exchange(heard, {});
+    }
+    static void Note(const std::string& call) { Add(&ChannelService::calls, call); }
+    static void Hear(const std::string& hook) { Add(&ChannelService::heard, hook); }
+
+    Bool Call(const std::string& name, const std::string& arguments = {}) {
+        Note(name + arguments);
+        std::function<void()> action;
+        {
+            std::lock_guard guard(lock);
+            if (const auto found = actions.find(name); found != actions.end()) action = found->second;
+        }
+        if (action) action();
+        return Fails(name) ? FALSE : TRUE;
     }
     size_t Count(const std::string& call) const {
         std::lock_guard guard(lock);
@@ -153,6 +186,7 @@ public:
     void FireObject(const std::string& name, QSCRPC_ObjectState state) {
         Object* object = Find(name);
         ASSERT_NE(object, nullptr) << name;
+        EXPECT_EQ(object->sink->version, 1u);
         object->state = state;
         object->sink->OnObjectStateChanged(context, nullptr);
     }
@@ -187,6 +221,10 @@ public:
     QSCRPC_ChannelContextInterface contexts{};
     QSCRPC_VariantInterface variant{};
 
+    // The versions that it has and was asked for, in hexadecimal, and how many words each fills if not all.
+    std::string offered = "0B 12 08 00 0E 19", asked;
+    std::map<int, size_t> words{{0x06, 10}, {0x10, 12}, {0x0A, 11}, {0x02, 10}};
+
     std::atomic<QSCService_ConnectionState> connection{QSC_CONNECTION_DISCONNECTED};
     std::atomic<QSCService_SessionType> sessionType{QSC_SESSION_PCOIP};
     uint32_t options = 0;
@@ -197,29 +235,35 @@ public:
     void* invokedContext = nullptr;
     uint32_t latestId = 0;
 
+    int polls = 0;
+    std::function<void()> onPoll;  // runs inside each poll
+    std::vector<uint32_t> pollSlices;
+
 private:
     static constexpr uint32_t kCookie = 9;
 
     static Bool QueryInterface(const QSC_INTERFACE_ID* id, void* table) {
-        switch (id->bytes[4]) {
-            case 0x0B:
-                return Give(current->channel, table);
-            case 0x12:
-                return Give(current->object, table);
-            case 0x08:
-                return Give(current->contexts, table);
-            case 0x00:
-                return Give(current->variant, table);
-            case 0x19:
-                return TRUE;
-            default:
-                return FALSE;
+        const uint8_t version = id->bytes[4];
+        const QSC_INTERFACE_ID expected = QSC_MakeInterfaceId(version);
+        EXPECT_EQ(std::memcmp(id, &expected, 16), 0);
+        const std::string text = Text("%02X", version);
+        current->asked += (current->asked.empty() ? "" : " ") + text;
+        if (current->offered.find(text) == std::string::npos) return FALSE;
+        for (const int of : {0x0B, 0x10, 0x06}) {
+            if (version == of) return current->Give(version, current->channel, table);
         }
+        for (const int of : {0x12, 0x0F, 0x0A, 0x02}) {
+            if (version == of) return current->Give(version, current->object, table);
+        }
+        if (version == 0x08 || version == 0x03) return current->Give(version, current->contexts, table);
+        if (version == 0x00) return current->Give(version, current->variant, table);
+        return 2;  // any other value than 0 is success too
     }
 
     template <typename Table>
-    static Bool Give(const Table& from, void* to) {
-        std::memcpy(to, &from, sizeof from);
+    Bool Give(int version, const Table& from, void* to) {
+        const auto limit = words.find(version);
+        std::memcpy(to, &from, limit == words.end() ? sizeof from : limit->second * sizeof(void*));
         return TRUE;
     }
 
@@ -228,46 +272,42 @@ private:
         return failing.contains(name);
     }
 
-    Bool Call(const std::string& name, const std::string& arguments = {}) {
-        std::function<void()> action;
-        {
-            std::lock_guard guard(lock);
-            calls.push_back(name + arguments);
-            if (const auto found = actions.find(name); found != actions.end()) action = found->second;
-        }
-        if (action) action();
-        return Fails(name) ? FALSE : TRUE;
+    static void Add(Names ChannelService::*record, const std::string& text) {
+        if (!current) return;
+        std::lock_guard guard(current->lock);
+        (current->*record).push_back(text);
+    }
+
+    void Poll() {
+        ++polls;
+        if (onPoll) onPoll();
     }
 
     inline static ChannelService* current = nullptr;
 
-    mutable std::mutex lock;  // guards calls, failing, actions and what Invoke and GetId leave
-    Names calls;              // in order: name, then a space and each argument that counts
+    mutable std::mutex lock;  // guards all records, failing, actions and what Invoke and GetId leave
+    Names calls, heard;
     std::set<std::string> failing;
     std::map<std::string, std::function<void()>> actions;
     QSCRPC_ContextNotifySink contextSink{};
     std::map<size_t, Object> objects;  // written by the thread that fires the channel's events
 };
 
-// A manager that wants what a test sets, and an instance that notes what its hooks hear.
-class HookManager : public RPCManager {
-public:
-    explicit HookManager(RefCountMode mode = RefCountOff) : RPCManager("Test", "control", "data", "dataTcp", mode) {}
-    void OnSessionTypeKnown(QSCService_SessionType type) override { sessionTypes.push_back(type); }
-    void OnServerInit() override { ++serverInits; }
+using Names = ChannelService::Names;
 
-    using RPCManager::m_qvcRawSupported;
-    using RPCManager::m_surgeSupported;
-    using RPCManager::m_tcpSideChannel;
-    using RPCManager::m_virtualSideChannel;
+// The function that has logged the first line with that text.
+inline std::string OwnerOf(const std::string& text, const LogCapture& log) {
+    for (const LogCapture::Line& line : log.Lines()) {
+        if (line.text == text) return line.function;
+    }
+    return {};
+}
 
-    std::vector<QSCService_SessionType> sessionTypes;
-    int serverInits = 0;
-};
-
+// Notes its hooks with the service.
 class HookInstance : public RPCPluginInstance {
 public:
     explicit HookInstance(RPCManager* manager) : RPCPluginInstance(manager, RefCountOn) {}
+    ~HookInstance() override { ChannelService::Note("instance gone"); }
     using RPCPluginInstance::SetDiscardConnection;
     using RPCPluginInstance::UpdatePendingCount;
 
@@ -276,54 +316,103 @@ public:
     void OnRejected() override { Hear("rejected"); }
     void OnReady() override { Hear("ready"); }
     void OnNotReady() override { Hear("not ready"); }
-    void OnDone(uint32_t requestId, void*) override { Hear("done " + std::to_string(requestId)); }
-    void OnAbort(uint32_t requestId, Bool flag, uint32_t reason) override {
-        Hear("abort " + std::to_string(requestId) + " " + std::to_string(flag) + " " + std::to_string(reason));
+    void OnDone(uint32_t requestId, void* hContext) override {
+        latestContext = hContext;
+        Hear(Text("done %u", requestId));
     }
-    void OnInvoke(void*) override { Hear("invoke"); }
-
-    ChannelService::Names TakeHeard() {
-        std::lock_guard guard(lock);
-        return std::exchange(heard, {});
+    void OnAbort(uint32_t requestId, Bool flag, uint32_t reason) override {
+        Hear(Text("abort %u %d %u", requestId, flag, reason));
+    }
+    void OnInvoke(void* hContext) override {
+        latestContext = hContext;
+        Hear("invoke");
+    }
+    void OnMsgChannelReady(void*, const char* name) override { Hear(std::string("opened ") + name); }
+    void OnMsgChannelPeerOpened(void*, void* a, QscMsgChannelID peer, void* b, void* c) override {
+        Hear(Text("peer %p %p %p %p", a, peer, b, c));
     }
 
     bool suppress8 = false, suppress4 = false;
+    std::atomic<void*> latestContext{nullptr};
     std::function<void(const std::string&)> onHook;
 
 private:
     void Hear(const std::string& hook) {
-        {
-            std::lock_guard guard(lock);
-            heard.push_back(hook);
-        }
+        ChannelService::Hear(hook);
         if (onHook) onHook(hook);
     }
+};
 
-    std::mutex lock;  // guards heard
-    ChannelService::Names heard;
+// Notes its hooks with the service, and answers and wants what a test sets.
+class HookManager : public RPCManager {
+public:
+    explicit HookManager(RefCountMode mode = RefCountOff, const char* controlName = "control")
+        : RPCManager("Test", controlName, "data", "dataTcp", mode) {}
+    ~HookManager() override { Note("manager gone"); }
+
+    RPCPluginInstance* OnCreateInstance() override { return Create(); }
+    RPCPluginInstance* OnCreateServerInstance(QscServerID) override { return Create(); }
+    void OnDestroyInstance(RCPtr<RPCPluginInstance>) override { Note("OnDestroyInstance"); }
+    void OnDestroyServerInstance(QscServerID, RCPtr<RPCPluginInstance>) override { Note("OnDestroyServerInstance"); }
+    bool OnPluginInit() override { return Note("OnPluginInit", false); }
+    bool OnPluginExit() override { return Note("OnPluginExit", false); }
+    void OnClientInit() override { Note(IsInitialized() ? "OnClientInit" : "OnClientInit too early"); }
+    void OnClientExit() override { Note("OnClientExit"); }
+    void OnServerInit() override { Note(IsInitialized() ? "OnServerInit too late" : "OnServerInit"); }
+    void OnServerExit() override { Note("OnServerExit"); }
+    bool IsServerAllowed() override { return allowed; }
+    bool ConfigureTcpSideChannel() override { return Note("tcp", tcpResult); }
+    bool ConfigureVirtualSideChannel() override { return Note("virtual", virtualResult); }
+    void OnSessionTypeKnown(QSCService_SessionType type) override { sessionTypes.push_back(type); }
+
+    // The handle that the service sees, as the log tells it.
+    void* FindHandle(const LogCapture& log) {
+        const QSC_INTERFACE_ID unknown = QSC_MakeInterfaceId(0x77);
+        QueryInterface(&unknown, nullptr);
+        void* handle = nullptr;
+        for (const std::string& text : log.Texts(kLogInfo)) std::sscanf(text.c_str(), "Enter - Test(0x%p)", &handle);
+        return handle;
+    }
+
+    using RPCManager::m_qvcRawSupported;
+    using RPCManager::m_surgeSupported;
+    using RPCManager::m_tcpSideChannel;
+    using RPCManager::m_virtualSideChannel;
+    using RPCManager::SetServerInterface;
+
+    bool allowed = true, tcpResult = true, virtualResult = true, createNothing = false;
+    std::vector<QSCService_SessionType> sessionTypes;
+    std::atomic<HookInstance*> latest{nullptr};
+
+private:
+    HookInstance* Create() { return createNothing ? nullptr : latest = new HookInstance(this); }
+    static bool Note(const char* hook, bool result = true) {
+        ChannelService::Note(hook);
+        return result;
+    }
 };
 
 // A bound manager with one instance, registered with the service.
 class InstanceUnderTest : public testing::Test {
 protected:
-    using Names = ChannelService::Names;
-
     void Start(bool isServer = false) {
         const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
         ASSERT_TRUE(manager.Init(isServer, &query));
         ASSERT_TRUE(instance->RegisterChannelSink(&channelHandle));
-        service.TakeCalls();
-        log.Clear();
+        Forget();
     }
 
     void StartReady() {
         Start();
         service.BringUp();
-        ASSERT_EQ(instance->TakeHeard(), Names{"ready"});
+        ASSERT_EQ(service.TakeHeard(), Names{"ready"});
+        Forget();
+    }
+
+    void Forget() {
         service.TakeCalls();
         log.Clear();
     }
-
     Names Errors() const { return log.Texts(kLogError); }
 
     LogCapture log;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <type_traits>
+#include <typeinfo>
 #include <utility>
 #include <vector>
 
@@ -19,6 +21,18 @@ class Command : public QSCServiceCommand {
 public:
     using QSCServiceCommand::QSCServiceCommand;
 };
+
+// A value with its type, which tells the overloads apart.
+template <typename T>
+std::string Describe(T value) {
+    if constexpr (std::is_same_v<T, const char*>) {
+        return value;
+    } else if constexpr (std::is_same_v<T, const QSC_RPC_BLOB*>) {
+        return "blob " + std::string(static_cast<const char*>(value->data), value->size);
+    } else {
+        return std::string(typeid(T).name()) + " " + std::to_string(value);
+    }
+}
 
 // Tables that note each call with what it was given, and answer with what a test sets. One at a time.
 class Tables {
@@ -60,17 +74,17 @@ public:
             return current->Call("init", {});
         };
         variants.VariantClear = [](QSC_RPC_VARIANT*) { return current->Call("clear", {}); };
-        variants.VariantFromChar = From<Char, char>;
-        variants.VariantFromShort = From<Short, short>;
-        variants.VariantFromUShort = From<UShort, unsigned short>;
-        variants.VariantFromInt32 = From<Int32, int32_t>;
-        variants.VariantFromUInt32 = From<UInt32, uint32_t>;
-        variants.VariantFromInt64 = From<Int64, int64_t>;
-        variants.VariantFromUInt64 = From<UInt64, uint64_t>;
-        variants.VariantFromFloat = From<Float, float>;
-        variants.VariantFromDouble = From<Double, double>;
-        variants.VariantFromString = From<String, const char*>;
-        variants.VariantFromBlob = From<Blob, const QSC_RPC_BLOB*>;
+        variants.VariantFromChar = From<char>;
+        variants.VariantFromShort = From<short>;
+        variants.VariantFromUShort = From<unsigned short>;
+        variants.VariantFromInt32 = From<int32_t>;
+        variants.VariantFromUInt32 = From<uint32_t>;
+        variants.VariantFromInt64 = From<int64_t>;
+        variants.VariantFromUInt64 = From<uint64_t>;
+        variants.VariantFromFloat = From<float>;
+        variants.VariantFromDouble = From<double>;
+        variants.VariantFromString = From<const char*>;
+        variants.VariantFromBlob = From<const QSC_RPC_BLOB*>;
     }
     ~Tables() { current = nullptr; }
 
@@ -84,45 +98,16 @@ public:
     int nameLength = 4;
 
 private:
-    enum Kind : uint16_t { Char = 1, Short, UShort, Int32, UInt32, Int64, UInt64, Float, Double, String, Blob };
-
-    template <Kind kind, typename T>
+    // The variant says which of the values it was made from.
+    template <typename T>
     static Bool From(QSC_RPC_VARIANT* variant, T value) {
-        variant->vt = kind;
-        if constexpr (std::is_same_v<T, const QSC_RPC_BLOB*>) {
-            variant->blob = *value;
-        } else {
-            std::memcpy(&variant->uint64Val, &value, sizeof value);
-        }
-        return current->Call("from", Text(*variant));
+        current->values.push_back(Describe(value));
+        variant->vt = static_cast<uint16_t>(current->values.size());
+        return current->Call("from", current->values.back());
     }
 
     static std::string Text(const QSC_RPC_VARIANT& v) {
-        switch (static_cast<Kind>(v.vt)) {
-            case Char:
-                return std::string("char ") + v.charVal;
-            case Short:
-                return "short " + std::to_string(v.shortVal);
-            case UShort:
-                return "ushort " + std::to_string(v.ushortVal);
-            case Int32:
-                return "int32 " + std::to_string(v.int32Val);
-            case UInt32:
-                return "uint32 " + std::to_string(v.uint32Val);
-            case Int64:
-                return "int64 " + std::to_string(v.int64Val);
-            case UInt64:
-                return "uint64 " + std::to_string(v.uint64Val);
-            case Float:
-                return "float " + std::to_string(v.floatVal);
-            case Double:
-                return "double " + std::to_string(v.doubleVal);
-            case String:
-                return std::string("string ") + v.str;
-            case Blob:
-                return "blob " + std::string(static_cast<const char*>(v.blob.data), v.blob.size);
-        }
-        return "empty";
+        return v.vt == 0 ? "empty" : current->values.at(static_cast<size_t>(v.vt - 1));
     }
 
     Bool Call(const char* word, const std::string& arguments) {
@@ -132,38 +117,39 @@ private:
         return word == std::string_view("clear") ? TRUE : result;
     }
 
+    Texts values;
+
     inline static Tables* current = nullptr;
 };
 
 const QSC_RPC_BLOB kBlob{3, "a\0b"};
 
-// One row for each type: what the three members that take it do with it.
+// What the three members that take a type do with it.
 struct TypeCase {
     std::string text;
-    std::function<bool(Command&)> add, addNamed, appendReturn;
+    std::function<bool(Command&)> members[3];
 };
 
 template <typename T>
-TypeCase Type(const std::string& text, T value) {
-    return {text, [value](Command& c) { return c.AddParam(value); },
-            [value](Command& c) { return c.AddNamedParam(value, "key"); },
-            [value](Command& c) { return c.AppendReturnVal(value); }};
+TypeCase Type(T value) {
+    return {Describe(value),
+            {[value](Command& c) { return c.AddParam(value); },
+             [value](Command& c) { return c.AddNamedParam(value, "key"); },
+             [value](Command& c) { return c.AppendReturnVal(value); }}};
 }
 
 std::vector<TypeCase> TypeCases() {
-    return {
-        Type<char>("char x", 'x'),
-        Type<short>("short -32768", -32768),
-        Type<unsigned short>("ushort 65535", 65535),
-        Type<int32_t>("int32 -2147483648", INT32_MIN),
-        Type<uint32_t>("uint32 4294967295", UINT32_MAX),
-        Type<int64>("int64 -9223372036854775808", INT64_MIN),
-        Type<uint64>("uint64 18446744073709551615", UINT64_MAX),
-        Type<float>("float 1.500000", 1.5F),
-        Type<double>("double -0.250000", -0.25),
-        Type<const char*>("string text", "text"),
-        Type<const QSC_RPC_BLOB*>(std::string("blob a\0b", 8), &kBlob),
-    };
+    return {Type<char>('x'),
+            Type<short>(-32768),
+            Type<unsigned short>(65535),
+            Type<int32_t>(INT32_MIN),
+            Type<uint32_t>(UINT32_MAX),
+            Type<int64>(INT64_MIN),
+            Type<uint64>(UINT64_MAX),
+            Type<float>(1.5F),
+            Type<double>(-0.25),
+            Type<const char*>("text"),
+            Type<const QSC_RPC_BLOB*>(&kBlob)};
 }
 
 class QSCServiceCommandTest : public testing::Test {
@@ -175,68 +161,45 @@ protected:
     Command command{&tables.contexts, &tables.variants, &tables};
 };
 
-TEST_F(QSCServiceCommandTest, EachTypeHasItsWordInEachFamily) {
-    for (const TypeCase& c : TypeCases()) {
-        const std::string& text = c.text;
-        SCOPED_TRACE(text);
-        EXPECT_TRUE(c.add(command));
-        EXPECT_EQ(TakeCalls(), (Texts{"init", "from " + text, "append " + text, "clear"}));
-        EXPECT_TRUE(c.addNamed(command));
-        EXPECT_EQ(TakeCalls(), (Texts{"init", "from " + text, "append key=" + text, "clear"}));
-        EXPECT_TRUE(c.appendReturn(command));
-        EXPECT_EQ(TakeCalls(), (Texts{"init", "from " + text, "append return " + text, "clear"}));
-    }
-    EXPECT_TRUE(log.Lines().empty());
-}
-
-struct FailureCase {
+struct MemberCase {
     Bool initResult, fromResult, result;
+    size_t calls;            // of the tables
     const char* paramLine;   // of AddParam and AddNamedParam; null: success
     const char* returnLine;  // of AppendReturnVal
-    size_t calls;            // of the tables
 };
 
-TEST_F(QSCServiceCommandTest, FailuresAreToldUnderTheMembersSignatureAndClearWhatWasStored) {
+TEST_F(QSCServiceCommandTest, EachTypeHasItsWordInEachFamilyAndFailuresClearWhatWasStored) {
     const char* const init = "Failed to initialize variant.\n";
     const char* const create = "Failed to create variant.\n";
-    const FailureCase failures[] = {
-        {FALSE, TRUE, TRUE, init, init, 1},
-        {TRUE, FALSE, TRUE, create, create, 2},
-        {TRUE, TRUE, FALSE, "Failed to append parameter.\n", "Failed to append return value.\n", 4},
-        {TRUE, TRUE, 2, "Failed to append parameter.\n", nullptr, 4},
-        {2, 2, TRUE, nullptr, nullptr, 4},
+    const MemberCase cases[] = {
+        {2, 2, TRUE, 4, nullptr, nullptr},
+        {FALSE, TRUE, TRUE, 1, init, init},
+        {TRUE, FALSE, TRUE, 2, create, create},
+        {TRUE, TRUE, FALSE, 4, "Failed to append parameter.\n", "Failed to append return value.\n"},
+        {TRUE, TRUE, 2, 4, "Failed to append parameter.\n", nullptr},
     };
-    for (const FailureCase& f : failures) {
-        tables.initResult = f.initResult;
-        tables.fromResult = f.fromResult;
-        tables.result = f.result;
-        for (const TypeCase& c : TypeCases()) {
-            const std::pair<const std::function<bool(Command&)>*, const char*> members[] = {
-                {&c.add, f.paramLine}, {&c.addNamed, f.paramLine}, {&c.appendReturn, f.returnLine}};
-            for (size_t i = 0; i < std::size(members); ++i) {
-                const auto& [member, line] = members[i];
+    const std::string prefixes[] = {"", "key=", "return "};
+    const char* const signatures[] = {"Command::AddParam(", "Command::AddNamedParam(", "Command::AppendReturnVal("};
+    for (const MemberCase& c : cases) {
+        tables.initResult = c.initResult;
+        tables.fromResult = c.fromResult;
+        tables.result = c.result;
+        for (const TypeCase& type : TypeCases()) {
+            for (size_t i = 0; i < 3; ++i) {
+                SCOPED_TRACE(prefixes[i] + type.text);
+                const char* const line = i < 2 ? c.paramLine : c.returnLine;
                 log.Clear();
-                EXPECT_EQ((*member)(command), line == nullptr) << c.text;
-                EXPECT_EQ(TakeCalls().size(), f.calls) << c.text;
-                const std::vector<LogCapture::Line> lines = log.Lines();
-                ASSERT_EQ(lines.size(), line ? 1u : 0u);
-                if (!line) continue;
-                EXPECT_EQ(lines[0].text, line);
-                const char* const names[] = {"::AddParam(", "::AddNamedParam(", "::AppendReturnVal("};
-                EXPECT_NE(lines[0].function.find(std::string("QSCServiceCommand") + names[i]), std::string::npos);
+                EXPECT_EQ(type.members[i](command), line == nullptr);
+                Texts calls = {"init", "from " + type.text, "append " + prefixes[i] + type.text, "clear"};
+                calls.resize(c.calls);
+                EXPECT_EQ(TakeCalls(), calls);
+                EXPECT_EQ(log.Texts(kLogDebug), (line ? Texts{line} : Texts{}));
+                for (const LogCapture::Line& logged : log.Lines()) {
+                    EXPECT_NE(logged.function.find(signatures[i]), std::string::npos);
+                }
             }
         }
     }
-}
-
-TEST_F(QSCServiceCommandTest, TheSignatureTellsTheMember) {
-    tables.initResult = FALSE;
-    command.AddParam(static_cast<short unsigned int>(1));
-#if defined(__clang__)
-    EXPECT_EQ(log.Lines().at(0).function, "bool QSCServiceCommand::AddParam(unsigned short)");
-#else
-    EXPECT_EQ(log.Lines().at(0).function, "bool QSCServiceCommand::AddParam(short unsigned int)");
-#endif
 }
 
 TEST_F(QSCServiceCommandTest, PassesVariantsAndNumbersThrough) {
@@ -258,42 +221,32 @@ TEST_F(QSCServiceCommandTest, PassesVariantsAndNumbersThrough) {
 TEST_F(QSCServiceCommandTest, ReadsInRangeAndLeavesTheRestToTheService) {
     QSC_RPC_VARIANT value{};
     std::string name;
-    EXPECT_TRUE(command.GetParam(2, &value));
-    EXPECT_EQ(value.vt, QSC_VT_UI4);
-    EXPECT_TRUE(command.GetNamedParam(0, name, &value));
-    EXPECT_EQ(name, "nnnn");
-    EXPECT_EQ(value.vt, QSC_VT_UI8);
-    EXPECT_TRUE(command.GetReturnVal(1, &value));
+    const auto read = [&](int index) {
+        log.Clear();
+        return std::vector<bool>{command.GetParam(index, &value), command.GetNamedParam(index, name, &value),
+                                 command.GetReturnVal(index, &value)};
+    };
+    EXPECT_EQ(read(2), std::vector<bool>(3, true));
     EXPECT_EQ(value.vt, QSC_VT_BLOB);
-    EXPECT_EQ(TakeCalls(), (Texts{"get param 2", "get named 0", "get return 1"}));
-
+    EXPECT_EQ(name, "nnnn");
+    EXPECT_EQ(TakeCalls(), (Texts{"get param 2", "get named 2", "get return 2"}));
     tables.result = FALSE;
-    name = "kept";
-    log.Clear();
-    EXPECT_FALSE(command.GetParam(-1, &value));
-    EXPECT_FALSE(command.GetNamedParam(-2, name, &value));
-    EXPECT_FALSE(command.GetReturnVal(-3, &value));
-    EXPECT_EQ(TakeCalls(), (Texts{"get param -1", "get named -2", "get return -3"}));
-    EXPECT_EQ(name, "kept");
-    EXPECT_TRUE(log.Has(kLogDebug, "Failed to get parameter at index [-1].\n"));
-    EXPECT_TRUE(log.Has(kLogDebug, "Failed to get param at index [-2].\n"));
-    EXPECT_TRUE(log.Has(kLogDebug, "Failed to get return value at index [-3].\n"));
-
-    log.Clear();
-    EXPECT_FALSE(command.GetParam(3, &value));
-    EXPECT_FALSE(command.GetNamedParam(3, name, &value));
-    EXPECT_FALSE(command.GetReturnVal(3, &value));
+    tables.nameLength = 1;
+    EXPECT_EQ(read(-1), std::vector<bool>(3, false));
+    EXPECT_EQ(name, "nnnn");
+    EXPECT_EQ(TakeCalls(), (Texts{"get param -1", "get named -1", "get return -1"}));
+    EXPECT_EQ(log.Texts(kLogDebug),
+              (Texts{"Failed to get parameter at index [-1].\n", "Failed to get param at index [-1].\n", "Enter\n",
+                     "Failed to get return value at index [-1].\n", "Exit\n"}));
+    EXPECT_EQ(read(3), std::vector<bool>(3, false));
     EXPECT_EQ(TakeCalls(), Texts{});
     EXPECT_EQ(log.Count("Index [3] out of range [3].\n"), 3u);
-}
 
-TEST_F(QSCServiceCommandTest, ALongNameIsCutToItsBuffer) {
-    QSC_RPC_VARIANT value{};
-    std::string name;
-    for (const int length : {0, 255, 256, 1000}) {
+    tables.result = TRUE;
+    for (const int length : {0, 255, 256}) {
         tables.nameLength = length;
-        EXPECT_TRUE(command.GetNamedParam(0, name, &value));
-        EXPECT_EQ(name, std::string(static_cast<size_t>(std::min(length, 255)), 'n'));
+        read(0);
+        EXPECT_EQ(name, std::string(static_cast<size_t>(std::min(length, 255)), 'n')) << "cut to its buffer";
     }
 }
 

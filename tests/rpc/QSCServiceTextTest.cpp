@@ -7,27 +7,22 @@
 namespace {
 
 TEST(QSCServiceText, NamesEveryStateAndNumbersTheRest) {
-    const std::pair<int32_t, const char*> links[] = {{-1, "UNINITIALIZED"}, {0, "DISCONNECTED"}, {1, "PENDING"},
-                                                     {2, "CONNECTED"},      {3, "unknown3"},     {-2, "unknown-2"}};
-    for (const auto& [value, text] : links) {
+    int32_t value = -2;
+    for (const char* text : {"unknown-2", "UNINITIALIZED", "DISCONNECTED", "PENDING", "CONNECTED", "unknown3"}) {
         EXPECT_STREQ(QSCService_StateText(static_cast<QSCService_ConnectionState>(value)), text);
         EXPECT_STREQ(QSCService_StateText(static_cast<QSCService_ChannelState>(value)), text);
+        ++value;
     }
-    const std::pair<int32_t, const char*> objects[] = {{-1, "UNINITIALIZED"},
-                                                       {0, "DISCONNECTED"},
-                                                       {1, "PENDING"},
-                                                       {2, "CONNECTED"},
-                                                       {3, "SIDE_CHANNEL_PENDING"},
-                                                       {4, "SIDE_CHANNEL_CONNECTED"},
-                                                       {5, "PENDING_AND_PEER_OBJ_CREATED"},
-                                                       {6, "unknown[6]"},
-                                                       {INT32_MIN, "unknown[-2147483648]"}};
-    for (const auto& [value, text] : objects) {
-        EXPECT_STREQ(QSCService_StateText(static_cast<QSCRPC_ObjectState>(value)), text);
+    value = -2;
+    for (const char* text :
+         {"unknown[-2]", "UNINITIALIZED", "DISCONNECTED", "PENDING", "CONNECTED", "SIDE_CHANNEL_PENDING",
+          "SIDE_CHANNEL_CONNECTED", "PENDING_AND_PEER_OBJ_CREATED", "unknown[6]"}) {
+        EXPECT_STREQ(QSCService_StateText(static_cast<QSCRPC_ObjectState>(value++)), text);
     }
-    EXPECT_STREQ(RPCChannelTypeText(RPCChannelType::Control), "CONTROL");
-    EXPECT_STREQ(RPCChannelTypeText(RPCChannelType::Data), "DATA");
-    EXPECT_STREQ(RPCChannelTypeText(static_cast<RPCChannelType>(2)), "unknown2");
+    value = 0;
+    for (const char* text : {"CONTROL", "DATA", "unknown2"}) {
+        EXPECT_STREQ(RPCChannelTypeText(static_cast<RPCChannelType>(value++)), text);
+    }
 }
 
 TEST(QSCServiceText, AnUnknownTextIsTheThreadsOwn) {

@@ -1,14 +1,10 @@
 #include "rpc/RPCManager.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <thread>
 
-#include "tests/rpc/TableService.h"
-#include "tests/rpc/TestManager.h"
+#include "tests/rpc/ChannelService.h"
 
 namespace {
 
@@ -22,110 +18,48 @@ protected:
     }
 
     LogCapture log;
-    TableService service;
-    TestManager manager;
+    ChannelService service;
+    HookManager manager;
 };
 
 struct FetchCase {
-    const char* name;
-    std::set<int> offered;
+    const char* offered;
     bool isServer;
-    bool result;
-    std::vector<int> asked;
-    Texts errors, warnings, debugs;
+    const char* asked;
+    const char* missing;  // the table without which the init fails, if any
 };
 
 TEST_F(RPCManagerTest, FetchesTheTablesNewestFirstAndStopsAtTheFirstMissingOne) {
-    const std::string v2 = "Failed to get QSCService_ChannelInterface_V2, streamData mode not supported\n";
-    const std::string surge = "SURGE side channel supported\n";
     const FetchCase cases[] = {
-        {"newest",
-         {0x0B, 0x12, 0x08, 0x00, 0x0E, 0x19},
-         false,
-         true,
-         {0x0B, 0x12, 0x08, 0x00, 0x0E, 0x19},
-         {},
-         {},
-         {surge}},
-        {"oldest",
-         {0x06, 0x02, 0x03, 0x00, 0x0C, 0x05},
-         false,
-         true,
-         {0x0B, 0x10, 0x06, 0x12, 0x0F, 0x0A, 0x02, 0x08, 0x03, 0x00, 0x0E, 0x0C, 0x19, 0x18, 0x16, 0x07, 0x05},
-         {},
-         {},
-         {surge}},
-        {"oldest server",
-         {0x06, 0x02, 0x03, 0x00, 0x0C},
-         true,
-         true,
-         {0x0B, 0x10, 0x06, 0x12, 0x0F, 0x0A, 0x02, 0x08, 0x03, 0x00, 0x0E, 0x0C},
-         {},
-         {},
-         {v2}},
-        {"middle, no stream data",
-         {0x10, 0x0F, 0x03, 0x00, 0x16},
-         false,
-         true,
-         {0x0B, 0x10, 0x12, 0x0F, 0x08, 0x03, 0x00, 0x0E, 0x0C, 0x19, 0x18, 0x16},
-         {},
-         {"Failed to get QSCRPC_StreamDataInterface\n"},
-         {surge}},
-        {"nothing", {}, false, false, {0x0B, 0x10, 0x06}, {"Failed to get QSCService_ChannelInterface\n"}, {}, {}},
-        {"nothing, server",
-         {},
-         true,
-         false,
-         {0x0B, 0x10, 0x06},
-         {"Failed to get QSCService_ChannelInterface\n"},
-         {},
-         {v2}},
-        {"no object",
-         {0x0B},
-         false,
-         false,
-         {0x0B, 0x12, 0x0F, 0x0A, 0x02},
-         {"Failed to get QSCRPC_ChannelObjectInterface\n"},
-         {},
-         {}},
-        {"no context",
-         {0x0B, 0x0A},
-         false,
-         false,
-         {0x0B, 0x12, 0x0F, 0x0A, 0x08, 0x03},
-         {"Failed to get QSCRPC_ChannelContextInterface\n"},
-         {},
-         {}},
-        {"no variant",
-         {0x0B, 0x12, 0x08},
-         false,
-         false,
-         {0x0B, 0x12, 0x08, 0x00},
-         {"Failed to get QSCRPC_VariantInterface\n"},
-         {},
-         {}},
-        {"no overlay",
-         {0x0B, 0x12, 0x08, 0x00, 0x0E},
-         false,
-         false,
-         {0x0B, 0x12, 0x08, 0x00, 0x0E, 0x19, 0x18, 0x16, 0x07, 0x05},
-         {"Failed to get QSCOverlay_ClientInterface\n"},
-         {},
-         {}},
+        {"0B 12 08 00 0E 19", false, "0B 12 08 00 0E 19", nullptr},
+        {"06 02 03 00 0C 05", false, "0B 10 06 12 0F 0A 02 08 03 00 0E 0C 19 18 16 07 05", nullptr},
+        {"06 02 03 00 0C", true, "0B 10 06 12 0F 0A 02 08 03 00 0E 0C", nullptr},
+        {"10 0F 03 00 16", false, "0B 10 12 0F 08 03 00 0E 0C 19 18 16", nullptr},
+        {"", false, "0B 10 06", "QSCService_ChannelInterface"},
+        {"", true, "0B 10 06", "QSCService_ChannelInterface"},
+        {"0B", false, "0B 12 0F 0A 02", "QSCRPC_ChannelObjectInterface"},
+        {"0B 0A", false, "0B 12 0F 0A 08 03", "QSCRPC_ChannelContextInterface"},
+        {"0B 12 08", false, "0B 12 08 00", "QSCRPC_VariantInterface"},
+        {"0B 12 08 00 0E", false, "0B 12 08 00 0E 19 18 16 07 05", "QSCOverlay_ClientInterface"},
     };
+    const std::string old = "Failed to get QSCService_ChannelInterface_V2, streamData mode not supported\n";
     for (const FetchCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        TestManager fresh;
+        SCOPED_TRACE(c.offered);
+        HookManager fresh;
         service.offered = c.offered;
         service.asked.clear();
         log.Clear();
         const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
-        EXPECT_EQ(fresh.Init(c.isServer, &query), c.result);
+        EXPECT_EQ(fresh.Init(c.isServer, &query), !c.missing);
         EXPECT_EQ(service.asked, c.asked);
-        EXPECT_EQ(log.Texts(kLogError), c.errors);
-        EXPECT_EQ(log.Texts(kLogWarn), c.warnings);
-        EXPECT_EQ(log.Texts(kLogDebug), c.debugs);
-        EXPECT_EQ(fresh.IsSurgeSupported(), c.result && !c.isServer);
+        EXPECT_EQ(log.Texts(kLogError), (c.missing ? Names{Text("Failed to get %s\n", c.missing)} : Names{}));
+        const bool noStream = c.offered == std::string("10 0F 03 00 16");
+        EXPECT_EQ(log.Texts(kLogWarn), (noStream ? Names{"Failed to get QSCRPC_StreamDataInterface\n"} : Names{}));
+        const bool surge = !c.missing && !c.isServer;
+        EXPECT_EQ(log.Texts(kLogDebug), (c.isServer ? Names{old}
+                                         : surge    ? Names{"SURGE side channel supported\n"}
+                                                    : Names{}));
+        EXPECT_EQ(fresh.m_surgeSupported, surge);
     }
 }
 
@@ -134,50 +68,29 @@ TEST_F(RPCManagerTest, AnOlderServiceAtALaterInitLeavesNoWordsOfTheNewerOne) {
     std::vector<KxEvent*> none;
     EXPECT_EQ(manager.PollWaitMultiple(none, false, 0, false), kWaitTimedOut);
     manager.QSCPluginExit();
-    service.offered.erase(0x0B);
-    service.offered.insert(0x06);
+    service.offered = "06 12 08 00 0E 19";
     Init();
     EXPECT_EQ(manager.PollWaitMultiple(none, false, 0, false), kWaitFailed);
     EXPECT_TRUE(log.Has(kLogError, "Please upgrade qscservice to support v3.Poll\n"));
 }
 
-TEST_F(RPCManagerTest, AFailedInitRefusesInstancesAndALaterOneWorks) {
-    service.offered.erase(0x19);
-    void* instance = this;
-    EXPECT_TRUE(manager.QSCPluginInit(service.Query()));
-    EXPECT_EQ(log.Texts(kLogError), (Texts{"Failed to get QSCOverlay_ClientInterface\n", "Init() failed\n"}));
-    EXPECT_FALSE(manager.QSCPluginCreateInstance(this, &instance));
-    EXPECT_EQ(log.Texts(kLogWarn), Texts{"Plugin is not initialized yet.\n"});
-    EXPECT_EQ(instance, this);
-    EXPECT_EQ(manager.TakeHeard(), Texts{"OnPluginInit"});
-
-    service.offered.insert(0x19);
-    Init();
-    EXPECT_TRUE(manager.QSCPluginDestroyInstance(CreateInstance()));
-}
-
 TEST_F(RPCManagerTest, RefusesAServiceWithoutAQueryOperation) {
+    const QSC_INTERFACE_ID id = QSC_MakeInterfaceId(0x0B);
+    QSCService_ChannelInterface table{};
+    const QSC_SERVICE_QUERY_INTERFACE empty{}, query = service.Query();
     EXPECT_FALSE(manager.ClientInit(nullptr));
-    const QSC_SERVICE_QUERY_INTERFACE empty{};
     EXPECT_FALSE(manager.ClientInit(&empty));
     EXPECT_EQ(log.Count("Failed to get QSCService_ChannelInterface\n"), 2u);
-    const QSC_INTERFACE_ID id = QSC_MakeInterfaceId(0x0B);
-    EXPECT_EQ(manager.QueryInterface(&id, &service.channel), FALSE);
-}
-
-TEST_F(RPCManagerTest, QueryInterfacePassesThroughOnceBound) {
-    Init();
-    QSCRPC_VariantInterface table{};
-    const QSC_INTERFACE_ID id = QSC_MakeInterfaceId(0x00), unknown = QSC_MakeInterfaceId(0x77);
+    EXPECT_EQ(manager.QueryInterface(&id, &table), FALSE);
+    EXPECT_TRUE(manager.ClientInit(&query));
     EXPECT_EQ(manager.QueryInterface(&id, &table), TRUE);
-    EXPECT_EQ(table.VariantInit, service.variant.VariantInit);
-    EXPECT_EQ(manager.QueryInterface(&unknown, &table), FALSE);
+    EXPECT_EQ(table.GetSessionType, service.channel.GetSessionType);
 }
 
 TEST_F(RPCManagerTest, ConfiguresSideChannelsInOrderAndStopsAtTheFirstFailure) {
     struct {
         bool wantTcp, tcpResult, virtualResult;
-        Texts heard, errors;
+        Names calls, errors;
     } cases[] = {
         {false, true, true, {"tcp", "virtual", "OnClientInit"}, {}},
         {true, true, false, {"tcp", "OnClientInit"}, {}},
@@ -186,91 +99,87 @@ TEST_F(RPCManagerTest, ConfiguresSideChannelsInOrderAndStopsAtTheFirstFailure) {
     };
     const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
     for (const auto& c : cases) {
-        TestManager fresh;
-        fresh.wantTcp = c.wantTcp;
+        HookManager fresh;
+        fresh.m_tcpSideChannel = c.wantTcp;
         fresh.tcpResult = c.tcpResult;
         fresh.virtualResult = c.virtualResult;
         log.Clear();
+        service.TakeCalls();
         EXPECT_EQ(fresh.ClientInit(&query), c.errors.empty());
         EXPECT_EQ(fresh.IsInitialized(), c.errors.empty());
-        EXPECT_EQ(fresh.TakeHeard(), c.heard);
+        EXPECT_EQ(service.TakeCalls(), c.calls);
         EXPECT_EQ(log.Texts(kLogError), c.errors);
     }
 }
 
 TEST_F(RPCManagerTest, InitAndExitOutOfTurnAreRefusedAndCanRepeat) {
     EXPECT_TRUE(manager.QSCPluginExit());
-    EXPECT_EQ(log.Texts(kLogError), Texts{"Not initialized\n"});
-    EXPECT_EQ(manager.TakeHeard(), Texts{"OnPluginExit"});
+    EXPECT_EQ(log.Texts(kLogError), Names{"Not initialized\n"});
+    EXPECT_EQ(service.TakeCalls(), Names{"OnPluginExit"});
     for (int round = 0; round < 2; ++round) {
         Init();
-        EXPECT_EQ(manager.TakeHeard(), (Texts{"OnPluginInit", "tcp", "virtual", "OnClientInit"}));
+        EXPECT_EQ(service.TakeCalls(), (Names{"OnPluginInit", "tcp", "virtual", "OnClientInit"}));
         log.Clear();
-        service.asked.clear();
         Init();
-        EXPECT_EQ(log.Texts(kLogError), Texts{"Already initialized\n"});
-        EXPECT_EQ(service.asked, TableService::Versions{});
+        EXPECT_EQ(log.Texts(kLogError), Names{"Already initialized\n"});
+        EXPECT_EQ(service.TakeCalls(), Names{"OnPluginInit"});
         EXPECT_TRUE(manager.IsInitialized());
-        EXPECT_EQ(manager.TakeHeard(), Texts{"OnPluginInit"});
         EXPECT_TRUE(manager.QSCPluginExit());
-        EXPECT_EQ(manager.TakeHeard(), (Texts{"OnClientExit", "OnPluginExit"}));
+        EXPECT_EQ(service.TakeCalls(), (Names{"OnClientExit", "OnPluginExit"}));
         EXPECT_FALSE(manager.IsInitialized());
     }
 }
 
 TEST_F(RPCManagerTest, CutsNamesToTheirFields) {
-    const std::string longName(100, 'n');
+    const std::string longName(100, 'n'), kept(63, 'n');
     EXPECT_EQ(RPCManager(longName.c_str(), "", "", "", RefCountOff).GetName(), std::string(59, 'n'));
     EXPECT_EQ(RPCManager(nullptr, nullptr, nullptr, nullptr, RefCountOff).GetName(), std::string());
-
-    TestManager cut(RefCountOff, longName.c_str());
+    HookManager cut(RefCountOff, longName.c_str());
     cut.QSCPluginInit(service.Query());
     void* instance = nullptr;
     ASSERT_TRUE(cut.QSCPluginCreateInstance(this, &instance));
-    service.calls.clear();
-    service.channelSink->OnPeerChannelObjectCreated(instance, longName.c_str(), nullptr);
-    service.channelSink->OnPeerChannelObjectCreated(instance, nullptr, nullptr);
-    EXPECT_EQ(service.calls, Texts{});
-    service.channelSink->OnPeerChannelObjectCreated(instance, std::string(63, 'n').c_str(), nullptr);
-    EXPECT_EQ(service.calls, Texts{"CreateObject " + std::string(63, 'n')});
+    service.TakeCalls();
+    for (const char* name : {longName.c_str(), static_cast<const char*>(nullptr), kept.c_str()}) {
+        service.FirePeerObject(name);
+    }
+    EXPECT_EQ(service.TakeCalls(), Names{"CreateObject " + kept});
     EXPECT_TRUE(cut.QSCPluginDestroyInstance(instance));
 }
 
 TEST_F(RPCManagerTest, TheServiceHoldsAnInstanceByItsHandleUntilItDestroysIt) {
     Init();
     service.connection = QSC_CONNECTION_CONNECTED;
+    service.TakeCalls();
     void* const instance = CreateInstance();
-    EXPECT_EQ(service.sinkContext, instance);
-    EXPECT_NE(instance, manager.latest);
-    EXPECT_EQ(service.calls, (Texts{"Register", "Connect"}));
-    manager.TakeHeard();
+    EXPECT_EQ(service.context, instance);
+    EXPECT_EQ(service.TakeCalls(), (Names{"Register", "Connect"}));
     log.Clear();
     service.connection = QSC_CONNECTION_PENDING;
     EXPECT_TRUE(manager.QSCPluginDestroyInstance(instance));
-    EXPECT_EQ(service.calls, (Texts{"Register", "Connect", "Disconnect", "Unregister"}));
-    EXPECT_EQ(manager.TakeHeard(), (Texts{"OnDestroyInstance", "instance gone"}));
-    const Texts infos = log.Texts(kLogInfo);
-    EXPECT_TRUE(std::any_of(infos.begin(), infos.end(), [&](const std::string& text) {
-        return text.ends_with(WithHandle(" - rpcPlugin(0x%p)  refCount(0)", instance));
-    }));
+    EXPECT_EQ(service.TakeCalls(), (Names{"Disconnect", "Unregister", "OnDestroyInstance", "instance gone"}));
+    const std::string count = Text("Test(0x%p) - rpcPlugin(0x%p)  refCount(0)", manager.FindHandle(log), instance);
+    EXPECT_TRUE(log.Has(kLogInfo, count));
     EXPECT_FALSE(manager.QSCPluginDestroyInstance(instance));
-    EXPECT_EQ(log.Texts(kLogWarn), Texts{WithHandle("RPCPlugin 0x%p not found", instance)});
+    EXPECT_EQ(log.Texts(kLogWarn), Names{Text("RPCPlugin 0x%p not found", instance)});
+
+    void* const second = CreateInstance();
+    const RCPtr<RPCPluginInstance> held(manager.latest);
+    EXPECT_TRUE(manager.QSCPluginDestroyInstance(second));
+    EXPECT_FALSE(manager.QSCPluginDestroyInstance(second)) << "it lives on, but not for the service";
+    EXPECT_EQ(service.Count("instance gone"), 0u);
 }
 
-TEST_F(RPCManagerTest, ASecondDestroyIsRefusedWhileTheInstanceLivesOn) {
-    Init();
-    void* const instance = CreateInstance();
-    RCPtr<RPCPluginInstance> held(manager.latest);
-    EXPECT_TRUE(manager.QSCPluginDestroyInstance(instance));
-    EXPECT_FALSE(manager.QSCPluginDestroyInstance(instance));
-    manager.TakeHeard();
-    held = nullptr;
-    EXPECT_EQ(manager.TakeHeard(), Texts{"instance gone"});
-}
-
-TEST_F(RPCManagerTest, CreateInstanceRefusesWhatItCannotDo) {
-    Init();
+TEST_F(RPCManagerTest, CreateInstanceRefusesWhatItCannotDoAndLaterWorks) {
+    service.offered = "0B 12 08 00 0E";
     void* instance = this;
+    EXPECT_TRUE(manager.QSCPluginInit(service.Query()));
+    EXPECT_EQ(log.Texts(kLogError), (Names{"Failed to get QSCOverlay_ClientInterface\n", "Init() failed\n"}));
+    EXPECT_FALSE(manager.QSCPluginCreateInstance(this, &instance));
+    EXPECT_EQ(log.Texts(kLogWarn), Names{"Plugin is not initialized yet.\n"});
+
+    service.offered += " 19";
+    Init();
+    log.Clear();
     EXPECT_FALSE(manager.QSCPluginCreateInstance(this, nullptr));
     manager.createNothing = true;
     EXPECT_FALSE(manager.QSCPluginCreateInstance(this, &instance));
@@ -280,55 +189,11 @@ TEST_F(RPCManagerTest, CreateInstanceRefusesWhatItCannotDo) {
     EXPECT_TRUE(manager.QSCPluginDestroyInstance(CreateInstance()));
 }
 
-TEST_F(RPCManagerTest, EachCallbackReachesTheInstanceOfItsHandle) {
-    Init();
-    void* const instance = CreateInstance();
-    const QSCService_ChannelNotifySink& channel = *service.channelSink;
-    ASSERT_EQ(channel.version, 1u);
-    manager.TakeHeard();
-    channel.OnConnectionStateChanged(instance, QSC_CONNECTION_CONNECTED, QSC_CONNECTION_DISCONNECTED, nullptr);
-    EXPECT_TRUE(log.Has(kLogInfo, "   but the current state is CONNECTED\n"));
-    EXPECT_EQ(service.calls.back(), "Connect");
-    channel.OnChannelStateChanged(instance, QSC_CHANNEL_CONNECTED, QSC_CHANNEL_CONNECTED, nullptr);
-    channel.OnPeerChannelObjectCreated(instance, "control", nullptr);
-    channel.OnPeerChannelObjectCreated(instance, "data", nullptr);
-    ASSERT_EQ(service.objectSinks.size(), 2u);
-    for (auto& [name, sink] : service.objectSinks) {
-        ASSERT_EQ(sink->version, 1u);
-        service.objectStates[&sink] = QSC_OBJECT_CONNECTED;
-        sink->OnObjectStateChanged(instance, nullptr);
-    }
-    EXPECT_EQ(manager.TakeHeard(), Texts{"ready"});
-
-    void* message = nullptr;
-    ASSERT_TRUE(manager.latest->CreateMessage(&message, RPCChannelType::Data));
-    ASSERT_TRUE(manager.latest->InvokeMessage(message, TRUE, RPCChannelType::Data));
-    ASSERT_EQ(service.contextSink.version, 1u);
-    EXPECT_FALSE(manager.latest->WaitForPendingMessages(0));
-    service.contextSink.OnMsgDone(instance, 42, &manager.heard);
-    EXPECT_TRUE(manager.latest->WaitForPendingMessages(0));
-    ASSERT_TRUE(manager.latest->InvokeMessage(message, TRUE, RPCChannelType::Data));
-    ASSERT_TRUE(manager.latest->InvokeMessage(message, TRUE, RPCChannelType::Data));
-    service.contextSink.OnMsgAbort(instance, 42, TRUE, 9);
-    EXPECT_FALSE(manager.latest->WaitForPendingMessages(0));
-    service.contextSink.OnMsgDone(instance, 43, &manager.heard);
-    EXPECT_TRUE(manager.latest->WaitForPendingMessages(0));
-    for (auto& [name, sink] : service.objectSinks) sink->OnMsgInvoke(instance, &manager.heard, nullptr);
-    EXPECT_EQ(manager.TakeHeard(), (Texts{"done 42", "abort 42 1 9", "done 43", "invoke", "invoke"}));
-
-    service.objectStates[&service.objectSinks["data"]] = QSC_OBJECT_DISCONNECTED;
-    service.objectSinks["data"]->OnObjectStateChanged(instance, nullptr);
-    EXPECT_EQ(manager.TakeHeard(), Texts{"not ready"});
-    EXPECT_TRUE(manager.QSCPluginDestroyInstance(instance));
-}
-
 TEST_F(RPCManagerTest, EachCallbackWithAStaleHandleWarnsUnderItsOwnNameAndDoesNothingElse) {
     Init();
     void* const instance = CreateInstance();
     manager.QSCPluginDestroyInstance(instance);
-    manager.TakeHeard();
-    service.calls.clear();
-    log.Clear();
+    service.TakeCalls();
     using M = RPCManager;
     const std::pair<const char*, std::function<void(void*)>> callbacks[] = {
         {"OnConnectionStateChanged",
@@ -349,50 +214,43 @@ TEST_F(RPCManagerTest, EachCallbackWithAStaleHandleWarnsUnderItsOwnNameAndDoesNo
             fire(handle);
             const auto lines = log.Lines();
             ASSERT_EQ(lines.size(), 1u) << name;
-            EXPECT_EQ(lines[0].level, kLogWarn);
-            EXPECT_EQ(lines[0].text, WithHandle("RPCPlugin 0x%p not found", handle));
+            EXPECT_EQ(log.Texts(kLogWarn), Names{Text("RPCPlugin 0x%p not found", handle)});
             EXPECT_NE(lines[0].function.find(std::string("RPCManager::") + name + "("), std::string::npos);
         }
     }
-    EXPECT_EQ(manager.TakeHeard(), Texts{});
-    EXPECT_EQ(service.calls, Texts{});
+    EXPECT_EQ(service.TakeHeard(), Names{});
+    EXPECT_EQ(service.TakeCalls(), Names{});
 }
 
 TEST_F(RPCManagerTest, ACallbackKeepsInstanceAndManagerUntilItsHookIsOver) {
-    Texts order;
-    RCPtr<RPCManager> owner(new RPCManager("Counted", "c", "d", "t", RefCountOn));
-    RCPtr<RPCPluginInstance> last(new TestInstance(owner.Get(), &order));
+    RCPtr<HookManager> owner(new HookManager(RefCountOn));
     owner->QSCPluginInit(service.Query());
+    RCPtr<HookInstance> last(new HookInstance(owner.Get()));
     last->RegisterChannelSink(this);
-    void* const handle = service.sinkContext;
-    static_cast<TestInstance*>(last.Get())->onInvoke = [&] {
+    last->onHook = [&](const std::string&) {
         last = nullptr;
         owner = nullptr;
-        order.push_back("hook over");
+        ChannelService::Note("hook over");
     };
-    log.Clear();
-    RPCManager::OnDataMsgInvoke(handle, &order, nullptr);
-    EXPECT_EQ(order, (Texts{"invoke", "hook over", "instance gone"}));
-    const Texts infos = log.Texts(kLogInfo);
-    EXPECT_TRUE(
-        std::any_of(infos.begin(), infos.end(), [](const std::string& text) { return text.ends_with(" destroyed"); }));
+    service.TakeCalls();
+    RPCManager::OnDataMsgInvoke(service.context, this, nullptr);
+    const Names calls = service.TakeCalls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls.front(), "hook over");
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "manager gone"), 1);
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "instance gone"), 1);
 }
 
 TEST_F(RPCManagerTest, AnInstanceWhoseManagerIsGoneGetsNoCallbacks) {
-    auto owner = std::make_optional<TestManager>();
+    auto owner = std::make_optional<HookManager>();
     owner->QSCPluginInit(service.Query());
-    void* handle = nullptr;
-    ASSERT_TRUE(owner->QSCPluginCreateInstance(this, &handle));
-    Texts heard;
-    const RCPtr<RPCPluginInstance> orphan(new TestInstance(&*owner, &heard));
-    ASSERT_TRUE(owner->QSCPluginDestroyInstance(handle));
+    const RCPtr<HookInstance> orphan(new HookInstance(&*owner));
     orphan->RegisterChannelSink(this);
-    handle = service.sinkContext;
     owner.reset();
     log.Clear();
-    RPCManager::OnDataMsgInvoke(handle, &heard, nullptr);
-    EXPECT_EQ(log.Texts(kLogWarn), Texts{WithHandle("RPCManager of RPCPlugin 0x%p not found", handle)});
-    EXPECT_EQ(heard, Texts{});
+    RPCManager::OnDataMsgInvoke(service.context, this, nullptr);
+    EXPECT_EQ(log.Texts(kLogWarn), Names{Text("RPCManager of RPCPlugin 0x%p not found", service.context)});
+    EXPECT_EQ(service.TakeHeard(), Names{});
 }
 
 class CountingInstance : public RPCPluginInstance {
@@ -409,7 +267,7 @@ public:
 
 TEST(RPCManagerRace, EveryCallbackDuringCreateAndDestroyFindsItsInstanceOrWarns) {
     LogCapture log(kLogWarn);
-    TableService service;
+    ChannelService service;
     CountingManager manager;
     manager.QSCPluginInit(service.Query());
     std::atomic<void*> handle{nullptr};
@@ -446,21 +304,20 @@ TEST_F(RPCManagerTest, AFullHandleMapIsAnErrorAndInstancesStillWork) {
     manager.QSCPluginExit();
     log.Clear();
     Init();
-    EXPECT_EQ(log.Texts(kLogError), Texts{});
+    EXPECT_EQ(log.Texts(kLogError), Names{});
 }
 
 TEST_F(RPCManagerTest, DestructionTakesTheHandleBack) {
     void* handle = nullptr;
     {
-        TestManager gone;
+        HookManager gone;
         gone.QSCPluginInit({});
         handle = gone.FindHandle(log);
-        ASSERT_NE(handle, nullptr);
         EXPECT_EQ(RPCManager::QscOnServerConnected(handle, QSC_SESSION_STORM, this), TRUE);
         EXPECT_TRUE(RPCManager::GetRPCManagerByServerId(this) == &gone);
     }
-    EXPECT_TRUE(log.Has(kLogInfo, WithHandle("Test(0x%p) destroyed", handle)));
-    EXPECT_TRUE(log.Has(kLogInfo, WithHandle("Handle 0x%p removed", handle)));
+    EXPECT_TRUE(log.Has(kLogInfo, Text("Test(0x%p) destroyed", handle)));
+    EXPECT_TRUE(log.Has(kLogInfo, Text("Handle 0x%p removed", handle)));
     EXPECT_FALSE(RPCManager::GetRPCManagerByServerId(this));
 }
 

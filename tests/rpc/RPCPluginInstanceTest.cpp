@@ -8,62 +8,47 @@
 
 namespace {
 
-using Names = ChannelService::Names;
-
 using RPCPluginInstanceTest = InstanceUnderTest;
 
 TEST_F(RPCPluginInstanceTest, HandlesAConnectionThatIsUpWhenTheSinkIsRegistered) {
     const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
     ASSERT_TRUE(manager.Init(false, &query));
     service.connection = QSC_CONNECTION_CONNECTED;
-    EXPECT_TRUE(instance->RegisterChannelSink(&channelHandle));
-    EXPECT_EQ(service.TakeCalls(), (Names{"Register", "Connect"}));
+    struct {
+        const char* failing;
+        bool registers, result;
+        Names calls, errors;
+    } const steps[] = {
+        {"Register", true, false, {"Register"}, {"Channel.v1.RegisterChannelNotifySink() failed\n"}},
+        {"", true, true, {"Register", "Connect"}, {}},
+        {"", true, true, {}, {"Channel sink already registered\n"}},
+        {"", false, true, {"Disconnect", "Unregister"}, {"Channel.v1.UnregisterChannelNotifySink() [OK]\n"}},
+        {"", false, true, {}, {"Channel sink not registered\n"}},
+        {"", true, true, {"Register", "Connect"}, {}},
+        {"Unregister",
+         false,
+         false,
+         {"Disconnect", "Unregister"},
+         {"Channel.v1.UnregisterChannelNotifySink() failed\n"}},
+        {"", true, true, {"Register", "Connect"}, {}},
+    };
+    for (const auto& step : steps) {
+        Forget();
+        service.FailNoMore();
+        service.Fail(step.failing);
+        EXPECT_EQ(step.registers ? instance->RegisterChannelSink(&channelHandle) : instance->UnregisterChannelSink(),
+                  step.result);
+        EXPECT_EQ(service.TakeCalls(), step.calls);
+        EXPECT_EQ(Errors(), step.errors);
+        if (step.calls.size() < 2) continue;
+        EXPECT_TRUE(log.Has(kLogInfo, Text("Simulating %s callback\n", step.registers ? "connect" : "disconnect")));
+    }
     EXPECT_TRUE(log.Has(kLogInfo, "Channel.v1.RegisterChannelNotifySink() [OK]\n"));
-    EXPECT_TRUE(log.Has(kLogInfo, "Simulating connect callback\n"));
-
-    EXPECT_TRUE(instance->RegisterChannelSink(&channelHandle));
-    EXPECT_EQ(service.TakeCalls(), Names{});
-    EXPECT_EQ(Errors(), Names{"Channel sink already registered\n"});
-
-    log.Clear();
-    EXPECT_TRUE(instance->UnregisterChannelSink());
-    EXPECT_EQ(service.TakeCalls(), (Names{"Disconnect", "Unregister"}));
-    EXPECT_TRUE(log.Has(kLogInfo, "Simulating disconnect callback\n"));
-    EXPECT_EQ(Errors(), Names{"Channel.v1.UnregisterChannelNotifySink() [OK]\n"});
-
-    log.Clear();
-    EXPECT_TRUE(instance->UnregisterChannelSink());
-    EXPECT_EQ(service.TakeCalls(), Names{});
-    EXPECT_EQ(Errors(), Names{"Channel sink not registered\n"});
-}
-
-TEST_F(RPCPluginInstanceTest, AFailedRegistrationCanBeTriedAgain) {
-    const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
-    ASSERT_TRUE(manager.Init(false, &query));
-    service.connection = QSC_CONNECTION_CONNECTED;
-    service.Fail("Register");
-    EXPECT_FALSE(instance->RegisterChannelSink(&channelHandle));
-    EXPECT_EQ(Errors(), Names{"Channel.v1.RegisterChannelNotifySink() failed\n"});
-    EXPECT_EQ(service.TakeCalls(), Names{"Register"});
-    service.FailNoMore();
-    EXPECT_TRUE(instance->RegisterChannelSink(&channelHandle));
-    EXPECT_EQ(service.TakeCalls(), (Names{"Register", "Connect"}));
-
-    service.connection = QSC_CONNECTION_DISCONNECTED;
-    service.Fail("Unregister");
-    log.Clear();
-    EXPECT_FALSE(instance->UnregisterChannelSink());
-    EXPECT_EQ(Errors(), Names{"Channel.v1.UnregisterChannelNotifySink() failed\n"});
-    service.FailNoMore();
-    service.TakeCalls();
-    EXPECT_TRUE(instance->RegisterChannelSink(&channelHandle));
-    EXPECT_EQ(service.TakeCalls(), Names{"Register"});
 }
 
 // What a sequence of events makes the instance call, tell and log.
 struct EventCase {
-    const char* name;
-    std::function<void(ChannelService&)> events;
+    std::vector<std::string> events;
     Names calls, heard, errors;
     bool rejected;  // seen by a waiter
 };
@@ -73,147 +58,57 @@ constexpr auto kUp = QSC_CONNECTION_CONNECTED;
 constexpr auto kChannelDown = QSC_CHANNEL_DISCONNECTED;
 constexpr auto kChannelUp = QSC_CHANNEL_CONNECTED;
 
-const Names kReadyCalls{"Connect", "CreateObject control", "CreateObject data", "GetObjectOptions"};
-
-Names Joined(Names first, const Names& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
-const EventCase kEventCases[] = {
-    {"connect", [](auto& s) { s.FireConnection(kUp); }, {"Connect"}, {}, {}, false},
-    {"connection acts on the current state: up",
-     [](auto& s) { s.FireConnection(kUp, kDown); },
-     {"Connect"},
-     {},
-     {},
-     false},
-    {"connection acts on the current state: down",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.FireConnection(kDown, kUp);
-     },
-     {"Connect", "Disconnect"},
-     {"rejected"},
-     {},
-     false},
-    {"disconnect without a connect", [](auto& s) { s.FireConnection(kDown); }, {}, {}, {}, false},
-    {"failed connect",
-     [](auto& s) {
-         s.Fail("Connect");
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelDown);
-     },
-     {"Connect"},
-     {},
-     {"Channel.v1.Connect() failed\n"},
-     false},
-    {"second connect fails: the first one stands",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.Fail("Connect");
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelDown);
-     },
-     {"Connect", "Connect"},
-     {"rejected"},
-     {"Channel.v1.Connect() failed\n"},
-     true},
-    {"failed disconnect still tears down",
-     [](auto& s) {
-         s.BringUp();
-         s.Fail("Disconnect");
-         s.FireConnection(kDown);
-         s.FireConnection(kDown);
-     },
-     Joined(kReadyCalls, {"Disconnect", "DestroyObject data", "DestroyObject control"}),
-     {"ready", "not ready"},
-     {"Channel.v1.Disconnect() failed\n"},
-     false},
-    {"rejection",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelDown);
-     },
-     {"Connect"},
-     {"rejected"},
-     {},
-     true},
-    {"rejection comes while the connect is still under way",
-     [](auto& s) {
-         s.During("Connect", [&s] { s.FireChannel(kChannelDown); });
-         s.FireConnection(kUp);
-     },
-     {"Connect"},
-     {"rejected"},
-     {},
-     true},
-    {"rejected once",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelDown);
-         s.FireChannel(kChannelDown);
-     },
-     {"Connect"},
-     {"rejected"},
-     {},
-     true},
-    {"channel down without a connect", [](auto& s) { s.FireChannel(kChannelDown); }, {}, {}, {}, false},
-    {"a channel that comes up takes the rejection back",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelDown);
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelUp);
-     },
-     {"Connect", "Connect"},
-     {"rejected"},
-     {},
-     false},
-    {"the connection goes before the channel is up",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.FireConnection(kDown);
-     },
-     {"Connect", "Disconnect"},
-     {"rejected"},
-     {},
-     false},
-    {"channel acts on the transition",
-     [](auto& s) {
-         s.FireConnection(kUp);
-         s.FireChannel(kChannelUp, kChannelDown);
-     },
-     {"Connect"},
-     {"rejected"},
-     {},
-     true},
-    {"channel goes after it was ready",
-     [](auto& s) {
-         s.BringUp();
-         s.FireChannel(kChannelDown);
-     },
-     Joined(kReadyCalls, {"DestroyObject data", "DestroyObject control"}),
-     {"ready", "not ready"},
-     {},
-     false},
-    {"channel goes, then the connection",
-     [](auto& s) {
-         s.BringUp();
-         s.FireChannel(kChannelDown);
-         s.FireConnection(kDown);
-     },
-     Joined(kReadyCalls, {"DestroyObject data", "DestroyObject control"}),
-     {"ready", "not ready"},
-     {},
-     false},
-    {"unknown states",
+// By name; "late" is a report whose two states differ.
+const std::map<std::string, std::function<void(ChannelService&)>> kEvents = {
+    {"up", [](auto& s) { s.FireConnection(kUp); }},
+    {"down", [](auto& s) { s.FireConnection(kDown); }},
+    {"late down", [](auto& s) { s.FireConnection(kUp, kDown); }},
+    {"late up", [](auto& s) { s.FireConnection(kDown, kUp); }},
+    {"channel up", [](auto& s) { s.FireChannel(kChannelUp); }},
+    {"channel down", [](auto& s) { s.FireChannel(kChannelDown); }},
+    {"late channel down", [](auto& s) { s.FireChannel(kChannelUp, kChannelDown); }},
+    {"ready", [](auto& s) { s.BringUp(); }},
+    {"Connect fails", [](auto& s) { s.Fail("Connect"); }},
+    {"Disconnect fails", [](auto& s) { s.Fail("Disconnect"); }},
+    {"Connect is rejected meanwhile", [](auto& s) { s.During("Connect", [&s] { s.FireChannel(kChannelDown); }); }},
+    {"other states",
      [](auto& s) {
          s.FireConnection(QSC_CONNECTION_PENDING);
          s.FireChannel(QSC_CHANNEL_UNINITIALIZED);
          s.FireChannel(static_cast<QSCService_ChannelState>(7));
          s.FireConnection(static_cast<QSCService_ConnectionState>(-2));
-     },
+     }},
+};
+
+const char kConnectFailed[] = "Channel.v1.Connect() failed\n";
+const Names kReadyCalls = {"Connect", "CreateObject control", "CreateObject data", "GetObjectOptions"};
+const Names kReadyAndGone = {"Connect",          "CreateObject control", "CreateObject data",
+                             "GetObjectOptions", "DestroyObject data",   "DestroyObject control"};
+const Names kReadyAndDisconnected = {"Connect",    "CreateObject control", "CreateObject data",    "GetObjectOptions",
+                                     "Disconnect", "DestroyObject data",   "DestroyObject control"};
+
+const EventCase kEventCases[] = {
+    {{"late down"}, {"Connect"}, {}, {}, false},
+    {{"up", "late up"}, {"Connect", "Disconnect"}, {"rejected"}, {}, false},
+    {{"down"}, {}, {}, {}, false},
+    {{"Connect fails", "up", "channel down"}, {"Connect"}, {}, {kConnectFailed}, false},
+    {{"up", "Connect fails", "up", "channel down"}, {"Connect", "Connect"}, {"rejected"}, {kConnectFailed}, true},
+    {{"ready"}, kReadyCalls, {"ready"}, {}, false},
+    {{"ready", "Disconnect fails", "down", "down"},
+     kReadyAndDisconnected,
+     {"ready", "not ready"},
+     {"Channel.v1.Disconnect() failed\n"},
+     false},
+    {{"up", "channel down"}, {"Connect"}, {"rejected"}, {}, true},
+    {{"Connect is rejected meanwhile", "up"}, {"Connect"}, {"rejected"}, {}, true},
+    {{"up", "channel down", "channel down"}, {"Connect"}, {"rejected"}, {}, true},
+    {{"channel down"}, {}, {}, {}, false},
+    {{"up", "channel down", "up", "channel up"}, {"Connect", "Connect"}, {"rejected"}, {}, false},
+    {{"up", "down"}, {"Connect", "Disconnect"}, {"rejected"}, {}, false},
+    {{"up", "late channel down"}, {"Connect"}, {"rejected"}, {}, true},
+    {{"ready", "channel down"}, kReadyAndGone, {"ready", "not ready"}, {}, false},
+    {{"ready", "channel down", "down"}, kReadyAndGone, {"ready", "not ready"}, {}, false},
+    {{"other states"},
      {},
      {},
      {"State PENDING is not handled\n", "State UNINITIALIZED is not handled.\n", "State unknown7 is not handled.\n",
@@ -226,17 +121,18 @@ class Events : public InstanceUnderTest, public testing::WithParamInterface<Even
 TEST_P(Events, DriveTheInstance) {
     const EventCase& c = GetParam();
     Start();
-    c.events(service);
+    for (const std::string& event : c.events) kEvents.at(event)(service);
     EXPECT_EQ(service.TakeCalls(), c.calls);
-    EXPECT_EQ(instance->TakeHeard(), c.heard);
+    EXPECT_EQ(service.TakeHeard(), c.heard);
     EXPECT_EQ(Errors(), c.errors);
-    EXPECT_EQ(instance->WaitUntilReadyOrRejected(0), c.rejected ? 1 : -1);
+    EXPECT_EQ(instance->WaitUntilReadyOrRejected(0), c.rejected ? 1 : instance->IsReady() ? 0 : -1);
 }
 
 INSTANTIATE_TEST_SUITE_P(RPCPluginInstance, Events, testing::ValuesIn(kEventCases), [](const auto& info) {
-    std::string name = info.param.name;
-    name.erase(std::remove_if(name.begin(), name.end(), [](unsigned char c) { return !std::isalnum(c); }), name.end());
-    return name;
+    std::string name;
+    for (const std::string& event : info.param.events) name += "_" + event;
+    std::replace(name.begin(), name.end(), ' ', '_');
+    return name.substr(1);
 });
 
 TEST_F(RPCPluginInstanceTest, RefusesConnectionsWhileItDiscardsThem) {
@@ -253,75 +149,67 @@ TEST_F(RPCPluginInstanceTest, RefusesConnectionsWhileItDiscardsThem) {
 TEST_F(RPCPluginInstanceTest, TellsTheTypeOfTheSessionWhileTheChannelIsUp) {
     service.sessionType = QSC_SESSION_STORM;
     Start();
-    service.FireChannel(kChannelUp);
+    service.FireChannel(QSC_CHANNEL_PENDING, kChannelUp);
+    EXPECT_TRUE(log.Has(kLogInfo, "   but the current state is PENDING\n"));
     EXPECT_EQ(SessionUtils::GetSessionType(), QSC_SESSION_STORM);
-    EXPECT_EQ(manager.sessionTypes, std::vector{QSC_SESSION_STORM});
     EXPECT_TRUE(log.Has(kLogDebug, "Set session type of the channel to STORM SESSION\n"));
     service.FireChannel(kChannelDown);
     EXPECT_EQ(SessionUtils::GetSessionType(), QSC_SESSION_NONE);
+    service.channel.GetSessionType = nullptr;  // a service that can't tell
+    const QSC_SERVICE_QUERY_INTERFACE query = service.Query();
+    ASSERT_TRUE(manager.Init(false, &query));
+    service.FireChannel(kChannelUp);
+    EXPECT_EQ(manager.sessionTypes, (std::vector{QSC_SESSION_STORM, QSC_SESSION_NONE}));
 }
 
-TEST_F(RPCPluginInstanceTest, AServiceThatCantTellTheSessionGivesNone) {
-    service.channel.GetSessionType = nullptr;
-    StartReady();
-    EXPECT_EQ(manager.sessionTypes, std::vector{QSC_SESSION_NONE});
-}
-
-TEST_F(RPCPluginInstanceTest, WaitersSeeReadinessComeAndGo) {
+TEST_F(RPCPluginInstanceTest, WaitersSeeARejectionAndReadinessComeAndGo) {
     Start();
     EXPECT_FALSE(instance->WaitUntilReady(0));
     EXPECT_TRUE(log.Has(kLogInfo, "Not ready\n"));
-    std::vector<int> results(2, 99);
-    std::thread waiter([&] { results[0] = instance->WaitUntilReadyOrRejected(kInfinite); });
-    std::thread other([&] { results[1] = instance->WaitUntilReady(kInfinite) ? 0 : -1; });
+    std::thread rejected([&] { EXPECT_EQ(instance->WaitUntilReadyOrRejected(kInfinite), 1); });
+    service.FireConnection(kUp);
+    service.FireChannel(kChannelDown);
+    rejected.join();
+    EXPECT_EQ(service.Count("OnServerInit"), 0u);
+    EXPECT_TRUE(log.Has(kLogInfo, "Rejected\n"));
+    service.FireConnection(kDown);  // takes the rejection back
+
+    std::thread waiter([&] { EXPECT_EQ(instance->WaitUntilReadyOrRejected(kInfinite), 0); });
+    std::thread other([&] { EXPECT_TRUE(instance->WaitUntilReady(kInfinite)); });
     service.BringUp();
     waiter.join();
     other.join();
-    EXPECT_EQ(results, (std::vector{0, 0}));
-    EXPECT_EQ(manager.serverInits, 1);
+    EXPECT_EQ(service.Count("OnServerInit"), 1u);
     EXPECT_TRUE(log.Has(kLogInfo, "Ready\n"));
     service.FireChannel(kChannelDown);
     EXPECT_FALSE(instance->WaitUntilReady(0));
     EXPECT_EQ(instance->WaitUntilReadyOrRejected(0), -1);
 }
 
-TEST_F(RPCPluginInstanceTest, ARejectionWakesAWaiter) {
-    Start();
-    int result = 99;
-    std::thread waiter([&] { result = instance->WaitUntilReadyOrRejected(kInfinite); });
-    service.FireConnection(kUp);
-    service.FireChannel(kChannelDown);
-    waiter.join();
-    EXPECT_EQ(result, 1);
-    EXPECT_EQ(manager.serverInits, 0);
-    EXPECT_TRUE(log.Has(kLogInfo, "Rejected\n"));
-}
-
 TEST_F(RPCPluginInstanceTest, TheReadyHookFindsTheInstanceReadyAndMayCallIt) {
     Start();
-    bool ready = false, created = false, waited = false;
     instance->onHook = [&](const std::string& hook) {
         if (hook != "ready") return;
-        ready = instance->IsReady();
         void* message = nullptr;
-        created = instance->CreateMessage(&message, RPCChannelType::Data);
-        waited = instance->WaitUntilReady(0);
+        EXPECT_TRUE(instance->IsReady());
+        EXPECT_TRUE(instance->CreateMessage(&message, RPCChannelType::Data));
+        EXPECT_TRUE(instance->WaitUntilReady(0));
         service.FireChannel(kChannelDown);  // ends readiness inside the hook
     };
     service.BringUp();
-    EXPECT_TRUE(ready && created && waited);
-    EXPECT_EQ(instance->TakeHeard(), (Names{"ready", "not ready"}));
+    EXPECT_EQ(service.TakeHeard(), (Names{"ready", "not ready"}));
     EXPECT_FALSE(instance->IsReady());
 }
 
-TEST_F(RPCPluginInstanceTest, AHookMayDropTheLastReference) {
+TEST_F(RPCPluginInstanceTest, AHookMayDropTheLastReferenceAndTheHandleGoesWithIt) {
     Start();
     HookInstance* const raw = instance.Get();
     raw->onHook = [this](const std::string& hook) {
         if (hook == "ready") instance = nullptr;
     };
     service.BringUp();
-    EXPECT_EQ(log.Count("Ready\n"), 0u);
+    EXPECT_TRUE(log.Has(kLogInfo, Text("0x%p destroyed\n", service.context)));
+    EXPECT_TRUE(log.Has(kLogInfo, Text("Handle 0x%p removed", service.context)));
     service.TakeCalls();
     log.Clear();
     service.FireChannel(kChannelDown);  // a late callback finds nothing
@@ -336,42 +224,35 @@ TEST(RPCPluginInstanceLife, RefusesEverythingWithoutAManager) {
     manager = nullptr;
     for (const RCPtr<HookInstance>& instance : {orphan, parentless}) {
         log.Clear();
+        HookInstance& i = *instance;
         void* hObject = nullptr;
         uint32_t options = 0;
-        EXPECT_FALSE(instance->RegisterChannelSink(nullptr));
-        EXPECT_FALSE(instance->UnregisterChannelSink());
-        EXPECT_FALSE(instance->ChannelConnect());
-        EXPECT_FALSE(instance->ChannelDisconnect());
-        EXPECT_FALSE(instance->WaitUntilReady(0));
-        EXPECT_EQ(instance->WaitUntilReadyOrRejected(0), -2);
-        EXPECT_FALSE(instance->ChannelControlObjCreate("control"));
-        EXPECT_FALSE(instance->ChannelDataObjCreate("data"));
-        EXPECT_FALSE(instance->ChannelObjDestroy(nullptr, &hObject));
-        EXPECT_FALSE(instance->CreateMessage(&hObject, RPCChannelType::Data));
-        EXPECT_FALSE(instance->CreateExtMessage(&hObject, RPCChannelType::Data, 1));
-        EXPECT_FALSE(instance->GetChannelOptions(RPCChannelType::Data, &options));
-        EXPECT_FALSE(instance->InvokeMessage(nullptr, TRUE, RPCChannelType::Data));
-        EXPECT_FALSE(instance->DestroyMessage(nullptr));
-        EXPECT_FALSE(instance->WaitForPendingMessages(0));
-        EXPECT_EQ(instance->GetVariantInterface(), nullptr);
-        EXPECT_EQ(instance->GetChannelContextInterface(), nullptr);
-        EXPECT_EQ(log.Texts(kLogError).size(), 15u);
+        char id[4];
+        const bool answers[] = {i.RegisterChannelSink(nullptr),
+                                i.UnregisterChannelSink(),
+                                i.ChannelConnect(),
+                                i.ChannelDisconnect(),
+                                i.WaitUntilReady(0),
+                                i.ChannelControlObjCreate("control"),
+                                i.ChannelDataObjCreate("data"),
+                                i.ChannelObjDestroy(nullptr, &hObject),
+                                i.CreateMessage(&hObject, RPCChannelType::Data),
+                                i.CreateExtMessage(&hObject, RPCChannelType::Data, 1),
+                                i.GetChannelOptions(RPCChannelType::Data, &options),
+                                i.DestroyMessage(nullptr),
+                                i.InvokeMessage(nullptr, TRUE, RPCChannelType::Data),
+                                i.WaitForPendingMessages(0),
+                                i.GetMsgChannelInfo(nullptr, nullptr),
+                                i.GetUniqueSerializedIdSize() != 0,
+                                i.GetUniqueSerializedId(sizeof id, id) != FALSE,
+                                i.IsUniqueSerializedIdOwner("text") != FALSE,
+                                i.SwitchToStreamDataMode() != 0};
+        EXPECT_EQ(std::count(std::begin(answers), std::end(answers), true), 0);
+        EXPECT_EQ(i.WaitUntilReadyOrRejected(0), -2);
+        EXPECT_EQ(log.Texts(kLogError).size(), std::size(answers) + 1);
+        EXPECT_EQ(i.GetVariantInterface(), nullptr);
+        EXPECT_EQ(i.GetChannelContextInterface(), nullptr);
     }
-}
-
-TEST(RPCPluginInstanceLife, IsKnownByItsHandleFromBirthToDeath) {
-    LogCapture log;
-    HookManager manager;
-    RCPtr<HookInstance> instance(new HookInstance(&manager));
-    unsigned handle = 0;
-    for (const std::string& text : log.Texts(kLogInfo)) std::sscanf(text.c_str(), "Handle 0x0x%x added", &handle);
-    ASSERT_NE(handle, 0u);
-    char hex[32];
-    std::snprintf(hex, sizeof hex, "0x%x", handle);
-    log.Clear();
-    instance = nullptr;
-    EXPECT_TRUE(log.Has(kLogInfo, std::string("0x") + hex + " destroyed\n"));
-    EXPECT_TRUE(log.Has(kLogInfo, std::string("Handle 0x") + hex + " removed"));
 }
 
 TEST_F(RPCPluginInstanceTest, TwoThreadsThatEndTheChannelEndItOnce) {
@@ -379,7 +260,7 @@ TEST_F(RPCPluginInstanceTest, TwoThreadsThatEndTheChannelEndItOnce) {
     for (int round = 0; round < 50; ++round) {
         service.BringUp();
         service.TakeCalls();
-        instance->TakeHeard();
+        service.TakeHeard();
         std::barrier together(2);
         std::thread other([&] {
             together.arrive_and_wait();
@@ -390,7 +271,7 @@ TEST_F(RPCPluginInstanceTest, TwoThreadsThatEndTheChannelEndItOnce) {
         other.join();
         ASSERT_EQ(service.Count("DestroyObject data"), 1u);
         ASSERT_EQ(service.Count("DestroyObject control"), 1u);
-        ASSERT_EQ(instance->TakeHeard(), Names{"not ready"});
+        ASSERT_EQ(service.TakeHeard(), Names{"not ready"});
     }
 }
 
