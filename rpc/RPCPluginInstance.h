@@ -120,7 +120,8 @@ public:
     Bool IsUniqueSerializedIdOwner(const char* id);
 
     // Gives up messages for a stream of bytes: the descriptor, which the caller owns and closes, or 0 after an ERROR
-    // line. There is no way back: the operations on the channel, the objects and the waits refuse from then on.
+    // line; a descriptor that is 0 itself can't be told from that. There is no way back: the operations on the channel,
+    // the objects and the waits refuse from then on.
     int SwitchToStreamDataMode();
 
     // The manager's tables, null if the manager is gone. They live as long as the manager.

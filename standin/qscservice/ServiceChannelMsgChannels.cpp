@@ -115,7 +115,10 @@ void ServiceChannel::TellOpened(QscMsgChannelID id) {
             if (known.name == channel.name) peer = known.id;
         }
     }
-    if (channel.sink.QscOnMsgChannelOpened) channel.sink.QscOnMsgChannelOpened(channel.context, id);
+    if (channel.sink.QscOnMsgChannelOpened && !channel.sink.QscOnMsgChannelOpened(channel.context, id)) {
+        CloseMsgChannel(id);  // its owner has closed it before it knew its id
+        return;
+    }
     if (peer) TellPeerOpened(channel.name, peer, {0, 0, 0});
 }
 
